@@ -1,0 +1,25 @@
+# Flags that every target of this project is compiled with.
+add_library(httpd_compile INTERFACE)
+target_include_directories(httpd_compile INTERFACE "${PROJECT_SOURCE_DIR}")
+target_compile_options(httpd_compile INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor
+    -Woverloaded-virtual -Wimplicit-fallthrough -Werror
+    # Log lines name a source file as it lies in the tree, wherever it was built.
+    "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
+
+if(HTTPD_SANITIZE)
+    target_compile_options(httpd_compile INTERFACE
+        "-fsanitize=${HTTPD_SANITIZE}" -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    target_link_options(httpd_compile INTERFACE "-fsanitize=${HTTPD_SANITIZE}")
+endif()
+
+# A shared library of ours: versioned, and never unmapped, because a detached thread may still be
+# on its way out of the library's code when the process closes it.
+function(httpd_shared_library name)
+    set_target_properties(${name} PROPERTIES
+        VERSION "${PROJECT_VERSION}" SOVERSION "${PROJECT_VERSION_MAJOR}")
+    target_link_options(${name} PRIVATE -Wl,-z,nodelete)
+    if(NOT HTTPD_SANITIZE)
+        target_link_options(${name} PRIVATE -Wl,-z,defs)
+    endif()
+endfunction()

@@ -1,0 +1,3 @@
+#include "httpd/http_authenticator.h"
+
+HTTP_Authenticator::~HTTP_Authenticator() = default;

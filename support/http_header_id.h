@@ -1,0 +1,80 @@
+#pragma once
+
+#include "support/export.h"
+
+#include <string_view>
+
+/**
+ * Header fields by number, in the order of the alphabet. The numbers are part of the interface of
+ * plug-ins and never change; a name that is not here is reached by its text (HTTP_Headers).
+ */
+enum HTTP_Header_Id {
+    HTTP_HEAD_UNKNOWN = -1,
+    HTTP_HEAD_ACCEPT = 0,
+    HTTP_HEAD_ACCEPT_ENCODING = 1,
+    HTTP_HEAD_ACCEPT_LANGUAGE = 2,
+    HTTP_HEAD_ACCEPT_RANGES = 3,
+    HTTP_HEAD_AGE = 4,
+    HTTP_HEAD_ALLOW = 5,
+    HTTP_HEAD_AUTHORIZATION = 6,
+    HTTP_HEAD_CACHE_CONTROL = 7,
+    HTTP_HEAD_CONNECTION = 8,
+    HTTP_HEAD_CONTENT_DISPOSITION = 9,
+    HTTP_HEAD_CONTENT_ENCODING = 10,
+    HTTP_HEAD_CONTENT_LANGUAGE = 11,
+    HTTP_HEAD_CONTENT_LENGTH = 12,
+    HTTP_HEAD_CONTENT_LOCATION = 13,
+    HTTP_HEAD_CONTENT_MD5 = 14,
+    HTTP_HEAD_CONTENT_RANGE = 15,
+    HTTP_HEAD_CONTENT_TYPE = 16,
+    HTTP_HEAD_COOKIE = 17,
+    HTTP_HEAD_DATE = 18,
+    HTTP_HEAD_ETAG = 19,
+    HTTP_HEAD_EXPECT = 20,
+    HTTP_HEAD_EXPIRES = 21,
+    HTTP_HEAD_FROM = 22,
+    HTTP_HEAD_HOST = 23,
+    HTTP_HEAD_IF_MATCH = 24,
+    HTTP_HEAD_IF_MODIFIED_SINCE = 25,
+    HTTP_HEAD_IF_NONE_MATCH = 26,
+    HTTP_HEAD_IF_RANGE = 27,
+    HTTP_HEAD_IF_UNMODIFIED_SINCE = 28,
+    HTTP_HEAD_LAST_MODIFIED = 29,
+    HTTP_HEAD_LOCATION = 30,
+    HTTP_HEAD_ORIGIN = 31,
+    HTTP_HEAD_RANGE = 32,
+    HTTP_HEAD_REFERER = 33,
+    HTTP_HEAD_SEC_WEBSOCKET_ACCEPT = 34,
+    HTTP_HEAD_SEC_WEBSOCKET_KEY = 35,
+    HTTP_HEAD_SEC_WEBSOCKET_PROTOCOL = 36,
+    HTTP_HEAD_SEC_WEBSOCKET_VERSION = 37,
+    HTTP_HEAD_SERVER = 38,
+    HTTP_HEAD_SET_COOKIE = 39,
+    HTTP_HEAD_TRANSFER_ENCODING = 40,
+    HTTP_HEAD_UPGRADE = 41,
+    HTTP_HEAD_UPGRADE_INSECURE_REQUESTS = 42,
+    HTTP_HEAD_USER_AGENT = 43,
+    HTTP_HEAD_VARY = 44,
+    HTTP_HEAD_VIA = 45,
+    HTTP_HEAD_WARNING = 46,
+    HTTP_HEAD_WWW_AUTHENTICATE = 47,
+    HTTP_HEAD_X_CACHE = 48,
+    HTTP_HEAD_X_CONTENT_TYPE_OPTIONS = 49,
+    HTTP_HEAD_X_CORRELATION_ID = 50,
+    HTTP_HEAD_X_CSRF_TOKEN = 51,
+    HTTP_HEAD_X_DNS_PREFETCH_CONTROL = 52,
+    HTTP_HEAD_X_FORWARDED_FOR = 53,
+    HTTP_HEAD_X_FORWARDED_HOST = 54,
+    HTTP_HEAD_X_FORWARDED_PROTO = 55,
+    HTTP_HEAD_X_FRAME_OPTIONS = 56,
+    HTTP_HEAD_X_REAL_IP = 57,
+    HTTP_HEAD_X_REQUEST_ID = 58,
+    HTTP_HEAD_X_REQUESTED_WITH = 59,
+    NUM_HTTP_HEADS = 60
+};
+
+/// The field's name as it is written on the wire; empty for a number outside the table.
+HTTPD_SUPPORT_EXPORT std::string_view http_header_name(int id);
+
+/// The number of a field name, compared without case (RFC 9110, section 5.1), or HTTP_HEAD_UNKNOWN.
+HTTPD_SUPPORT_EXPORT int http_header_id(std::string_view name);
