@@ -12,11 +12,11 @@ class HTTP_Request;
  *
  * The plug-in's factory (Object_Creator_T<HTTP_Handler>) makes one object for each request and gets
  * it back before the next request of the connection, or when the connection is deleted. All calls
- * come from the one thread that drives the connection at that time: an event loop, which must not be
- * blocked, or with THREAD the connection's own thread, which may be.
+ * come from the one thread that drives the connection at that time: an event loop, which must not
+ * be blocked, or with THREAD the connection's own thread, which may be.
  *
- * Order of calls: concurrency, handle_request, handle_body for each piece of body, handle_close when
- * the connection goes.
+ * Order of calls: concurrency, handle_request, handle_body for each piece of body, handle_close
+ * when the connection goes.
  *
  * A plug-in that answers a request with a body before it has taken the whole body must not use
  * Content-Length (nor end a chunked response early): without it the connection closes behind the

@@ -49,7 +49,10 @@ public:
     HTTP_SOCK_State request_state() const { return request_state_; }
 
     /// May be read by any thread; what was sent before a state is visible with it.
-    HTTP_SOCK_State response_state() const { return response_state_.load(std::memory_order_acquire); }
+    HTTP_SOCK_State response_state() const
+    {
+        return response_state_.load(std::memory_order_acquire);
+    }
 
     /**
      * Sends a file as the whole body of the response, in this thread: sets Content-Length (unless
@@ -112,8 +115,8 @@ public:
      * Limits how long one blocking send or receive on the socket may take.
      *
      * @param send_seconds     0 = not configured.
-     * @param receive_seconds  0 = not configured; otherwise keep-alive probing (60 s) is tried first
-     *                         and this limit is set only where probing is refused.
+     * @param receive_seconds  0 = not configured; otherwise keep-alive probing (60 s) is tried
+     * first and this limit is set only where probing is refused.
      * @return 0, or -1 with errno. Call it from the thread that runs the handler.
      */
     virtual int socket_timeout(int send_seconds, int receive_seconds) const = 0;
@@ -128,7 +131,10 @@ public:
 protected:
     HTTP_IO();
 
-    void response_state(HTTP_SOCK_State state) { response_state_.store(state, std::memory_order_release); }
+    void response_state(HTTP_SOCK_State state)
+    {
+        response_state_.store(state, std::memory_order_release);
+    }
 
     HTTP_SOCK_State request_state_ = HTTP_SOCK_STATE_CLOSED;
     std::atomic<HTTP_SOCK_State> response_state_{HTTP_SOCK_STATE_CLOSED};

@@ -4,8 +4,8 @@
 #include <cstring>
 
 /**
- * Factory of a plug-in: makes the objects that serve requests. T is HTTP_Handler, HTTP_Authenticator
- * or WebSocket_Handler.
+ * Factory of a plug-in: makes the objects that serve requests. T is HTTP_Handler,
+ * HTTP_Authenticator or WebSocket_Handler.
  *
  * A plug-in library exports one C function for each record of a configuration file; it returns a
  * factory and stores the function that disposes of it. The library calls init() once with the

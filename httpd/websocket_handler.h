@@ -10,10 +10,10 @@
 class WebSocket_IO;
 
 /**
- * Base class of a plug-in that speaks WebSocket: one object for each connection, made by its factory
- * (Object_Creator_T<WebSocket_Handler>) at the handshake and returned when the connection is
- * deleted. All calls come from the thread that drives the connection: an event loop, which must not
- * be blocked, or with THREAD the connection's own thread.
+ * Base class of a plug-in that speaks WebSocket: one object for each connection, made by its
+ * factory (Object_Creator_T<WebSocket_Handler>) at the handshake and returned when the connection
+ * is deleted. All calls come from the thread that drives the connection: an event loop, which must
+ * not be blocked, or with THREAD the connection's own thread.
  *
  * Order of calls: handle_handshaking, select_protocol (when the client offers any), concurrency,
  * handle_handshaked, any number of handle_data_framing and handle_ping, one handle_close.

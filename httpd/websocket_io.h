@@ -22,8 +22,8 @@ public:
 
     /**
      * Sends a ping.
-     * @param wait  also wait, up to the ping timeout, for input and process it: for a plug-in in its
-     *              own thread
+     * @param wait  also wait, up to the ping timeout, for input and process it: for a plug-in in
+     * its own thread
      * @return 0, or -1.
      */
     virtual int send_ping(bool wait) = 0;

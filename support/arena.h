@@ -25,7 +25,8 @@ public:
     /// A NUL-terminated copy of `text`, or null when there is no memory (ENOMEM).
     char* copy(std::string_view text);
 
-    /// Forgets every allocation. Keeps one block, of at most `MAX_KEPT` bytes, for the next message.
+    /// Forgets every allocation. Keeps one block, of at most `MAX_KEPT` bytes, for the next
+    /// message.
     void reset();
 
     enum : size_t { FIRST_BLOCK = 1024, MAX_KEPT = 16 * 1024 };

@@ -8,10 +8,10 @@
 class ACE_Message_Block;
 
 enum HTTP_Parser_State {
-    HTTP_PARSER_STATE_ERROR = -1,         ///< malformed; final until reset()
-    HTTP_PARSER_STATE_LINE_EXPECTED = 0,  ///< the start line is not complete
+    HTTP_PARSER_STATE_ERROR = -1,          ///< malformed; final until reset()
+    HTTP_PARSER_STATE_LINE_EXPECTED = 0,   ///< the start line is not complete
     HTTP_PARSER_STATE_HEADERS_PARSING = 1, ///< the empty line has not arrived
-    HTTP_PARSER_STATE_HEADERS_DONE = 2    ///< the header was consumed; the body begins
+    HTTP_PARSER_STATE_HEADERS_DONE = 2     ///< the header was consumed; the body begins
 };
 
 /**
@@ -48,8 +48,8 @@ private:
     bool check_framing(const HTTP_Request& message) const;
 
     HTTP_Parser_State state_ = HTTP_PARSER_STATE_LINE_EXPECTED;
-    size_t line_ = 0;        ///< offset from the read pointer of the line being read
-    size_t scanned_ = 0;     ///< offset from the read pointer of the first byte not looked at
+    size_t line_ = 0;    ///< offset from the read pointer of the line being read
+    size_t scanned_ = 0; ///< offset from the read pointer of the first byte not looked at
     size_t field_lines_ = 0;
     size_t empty_lines_ = 0; ///< skipped before the start line
 };

@@ -20,11 +20,13 @@
         errno = httpd_log_errno;                                                                   \
     } while (false)
 
-#define HTTPD_EMERGENCY(FORMAT, ...) HTTPD_LOG_RAW(LM_EMERGENCY, FORMAT "\n" __VA_OPT__(, ) __VA_ARGS__)
+#define HTTPD_EMERGENCY(FORMAT, ...)                                                               \
+    HTTPD_LOG_RAW(LM_EMERGENCY, FORMAT "\n" __VA_OPT__(, ) __VA_ARGS__)
 #define HTTPD_ERROR(FORMAT, ...) HTTPD_LOG_RAW(LM_ERROR, FORMAT "\n" __VA_OPT__(, ) __VA_ARGS__)
 #define HTTPD_WARNING(FORMAT, ...) HTTPD_LOG_RAW(LM_WARNING, FORMAT "\n" __VA_OPT__(, ) __VA_ARGS__)
 #define HTTPD_INFO(FORMAT, ...) HTTPD_LOG_RAW(LM_INFO, FORMAT "\n" __VA_OPT__(, ) __VA_ARGS__)
 #define HTTPD_DEBUG(FORMAT, ...) HTTPD_LOG_RAW(LM_DEBUG, FORMAT "\n" __VA_OPT__(, ) __VA_ARGS__)
 
 /// HTTPD_ERROR for a message whose literal carries no newline at all.
-#define HTTPD_ERROR_NO_NEWLINE(FORMAT, ...) HTTPD_LOG_RAW(LM_ERROR, FORMAT __VA_OPT__(, ) __VA_ARGS__)
+#define HTTPD_ERROR_NO_NEWLINE(FORMAT, ...)                                                        \
+    HTTPD_LOG_RAW(LM_ERROR, FORMAT __VA_OPT__(, ) __VA_ARGS__)

@@ -8,9 +8,9 @@
 #include <cstdint>
 
 /**
- * The outgoing frame of a WebSocket connection (RFC 6455, section 5.2): writes its header and counts
- * how much of its payload has been handed out. One object serves all frames of a connection, one
- * after the other; used by one thread at a time.
+ * The outgoing frame of a WebSocket connection (RFC 6455, section 5.2): writes its header and
+ * counts how much of its payload has been handed out. One object serves all frames of a connection,
+ * one after the other; used by one thread at a time.
  */
 class HTTPD_SUPPORT_EXPORT WebSocket_Data_Frame {
 public:
@@ -40,7 +40,8 @@ public:
      * @param opcode          1 and 2 go out as 0 (continuation) while the last data frame was not
      *                        final
      * @param payload_length  bytes that to_iovec() will be given in all
-     * @param mask            true writes a masking key of zero; a server passes false (RFC 6455, 5.1)
+     * @param mask            true writes a masking key of zero; a server passes false (RFC
+     * 6455, 5.1)
      */
     void init(bool fin, unsigned char opcode, unsigned long payload_length, bool mask);
 
@@ -58,8 +59,8 @@ public:
 private:
     enum : size_t { MAX_HEADER = 14 };
 
-    std::uint64_t remain_ = 0;            ///< payload bytes still to be handed out
-    unsigned char header_length_ = 0;     ///< 0: the header has been handed out
-    bool message_open_ = false;           ///< the last data frame was not final
+    std::uint64_t remain_ = 0;        ///< payload bytes still to be handed out
+    unsigned char header_length_ = 0; ///< 0: the header has been handed out
+    bool message_open_ = false;       ///< the last data frame was not final
     unsigned char header_[MAX_HEADER] = {};
 };

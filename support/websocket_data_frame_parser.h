@@ -11,9 +11,9 @@ class ACE_Message_Block;
  * Decodes the frames that a WebSocket client sends (RFC 6455, section 5), incrementally and in
  * place. One per connection, used by the thread that reads it. Allocates nothing.
  *
- * Refused with STATE_ERROR: a reserved bit; an unmasked frame; a control frame longer than 125 bytes
- * or without FIN; a length whose top bit is set or that is not in its shortest form; a text or
- * binary frame while a message is open; text that is not UTF-8, as it arrives and across frames.
+ * Refused with STATE_ERROR: a reserved bit; an unmasked frame; a control frame longer than 125
+ * bytes or without FIN; a length whose top bit is set or that is not in its shortest form; a text
+ * or binary frame while a message is open; text that is not UTF-8, as it arrives and across frames.
  * Reserved opcodes and a continuation with no message open are passed on.
  */
 class HTTPD_SUPPORT_EXPORT WebSocket_Data_Frame_Parser {
@@ -32,8 +32,8 @@ public:
      * @param len  with STATE_PAYLOAD: bytes of unmasked payload at the read pointer, which the
      *             caller consumes before it calls again. A frame without payload is reported once,
      *             with 0.
-     * @return STATE_PAYLOAD, STATE_ERROR (final until reset), or another state: all bytes were taken
-     *         and more are needed.
+     * @return STATE_PAYLOAD, STATE_ERROR (final until reset), or another state: all bytes were
+     * taken and more are needed.
      */
     State parse(ACE_Message_Block* mb, size_t& len);
 
