@@ -1,7 +1,8 @@
 #include "tests/support/log_capture.h"
 
 Log_Capture::Log_Capture()
-    : previous_(ACE_Log_Msg::instance()->msg_callback(this)), previous_flags_(ACE_Log_Msg::flags())
+    : previous_(ACE_Log_Msg::instance()->msg_callback(this)),
+      previous_flags_(ACE_Log_Msg::instance()->flags())
 {
     ACE_Log_Msg::instance()->clr_flags(ACE_Log_Msg::STDERR);
     ACE_Log_Msg::instance()->set_flags(ACE_Log_Msg::MSG_CALLBACK);
@@ -36,7 +37,7 @@ size_t Log_Capture::count(ACE_Log_Priority priority, const std::string& text) co
 {
     size_t found = 0;
     for (const std::string& line : texts(priority)) {
-        found += line.find(text) != std::string::npos ? 1 : 0;
+        found += line.find(text) != std::string::npos ? 1U : 0U;
     }
     return found;
 }
