@@ -1,5 +1,7 @@
 #pragma once
 
+#include "httpd/export.h"
+
 #include <cstdlib>
 #include <cstring>
 
@@ -12,7 +14,7 @@
  * record's parameters, then create() and destroy() from any thread, without a lock.
  */
 template <typename T>
-class Object_Creator_T {
+class HTTPD_EXPORT Object_Creator_T {
 public:
     using object_type = T;
 
@@ -52,7 +54,7 @@ public:
     /// @return a new object, or null (the request is then refused). Any thread.
     virtual T* create() = 0;
 
-    /// Takes back what create() returned. Any thread.
+    /// Takes back what create() returned, null included. Any thread.
     virtual void destroy(T* object) = 0;
 
     void clear()

@@ -3,6 +3,7 @@
 #include "support/export.h"
 
 class ACE_Addr;
+class ACE_INET_Addr;
 
 /**
  * An address as text: "a.b.c.d:port", "[v6]:port", the path of a UNIX-domain address. An IPv4
@@ -21,3 +22,6 @@ private:
     char text_[112]; ///< the longest: sun_path
     bool has_text_;
 };
+
+/// Turns an IPv4 address mapped into IPv6 into the plain IPv4 address; others stay as they are.
+HTTPD_SUPPORT_EXPORT void unmap_ipv4(ACE_INET_Addr& address);

@@ -3,6 +3,7 @@
 #include "support/export.h"
 
 #include <cstddef>
+#include <cstring>
 #include <string_view>
 
 /**
@@ -22,12 +23,46 @@ public:
     /// `size` bytes aligned for any header structure, or null when there is no memory (ENOMEM).
     void* allocate(size_t size);
 
+    /// `size` bytes without alignment, or null when there is no memory (ENOMEM).
+    char* allocate_text(size_t size)
+    {
+        if (size > static_cast<size_t>(end_ - cursor_)) {
+            return allocate_slow(size);
+        }
+        char* const text = cursor_;
+        cursor_ += size;
+        return text;
+    }
+
     /// A NUL-terminated copy of `text`, or null when there is no memory (ENOMEM).
-    char* copy(std::string_view text);
+    char* copy(std::string_view text)
+    {
+        char* const result = allocate_text(text.size() + 1);
+        if (result != nullptr) {
+            if (!text.empty()) { // an empty view may have no address, which memcpy must not get
+                std::memcpy(result, text.data(), text.size());
+            }
+            result[text.size()] = '\0';
+        }
+        return result;
+    }
 
     /// Forgets every allocation. Keeps one block, of at most `MAX_KEPT` bytes, for the next
     /// message.
-    void reset();
+    void reset()
+    {
+        if (blocks_ == nullptr) {
+            return;
+        }
+        if (blocks_->next_ != nullptr || blocks_->capacity_ > MAX_KEPT) {
+            keep_one_block();
+        } else {
+            cursor_ = blocks_->data();
+        }
+    }
+
+    /// Bytes that this arena holds, used or not.
+    size_t capacity() const;
 
     enum : size_t { FIRST_BLOCK = 1024, MAX_KEPT = 16 * 1024 };
 
@@ -38,7 +73,8 @@ private:
         char* data() { return reinterpret_cast<char*>(this + 1); }
     };
 
-    void* allocate_slow(size_t size);
+    char* allocate_slow(size_t size);
+    void keep_one_block();
 
     Block* blocks_ = nullptr; ///< newest first; only the newest is allocated from
     char* cursor_ = nullptr;

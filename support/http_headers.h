@@ -19,7 +19,8 @@ class HTTPD_SUPPORT_EXPORT HTTP_Headers {
 public:
     struct Field {
         int id;                 ///< HTTP_HEAD_UNKNOWN for a name that is not in the table
-        std::string_view name;  ///< as received or put; NUL-terminated
+        std::uint32_t room;     ///< bytes that a joined value may grow to where it stands, else 0
+        std::string_view name;  ///< as in the table, else as received or put; NUL-terminated
         std::string_view value; ///< NUL-terminated
     };
 
@@ -51,7 +52,8 @@ public:
     int put(std::string_view name, std::string_view value);
 
     /**
-     * Adds a received field: a repeated one is joined to the earlier with ", " (RFC 9110, 5.3).
+     * Adds a received field: a repeated one is joined to the earlier with ", " (RFC 9110, 5.3), a
+     * Cookie with "; ", since a comma does not separate cookies; Set-Cookie is never joined.
      * `name` and `value` are copied; they have been checked by the parser.
      * @return 0, or -1 with ENOMEM.
      */
@@ -65,12 +67,22 @@ public:
     /// Removes every field. The arena is the owner's to reset.
     void reset();
 
+    /// Fields for which there is room at first, and for which room is kept at a reset.
+    enum : size_t { FIRST_FIELDS = 16, MAX_KEPT_FIELDS = 128 };
+
 private:
+    using Index = std::uint16_t;
+
+    Field* find(int id, std::string_view name);
+    const Field* find_by_name(std::string_view name) const;
     int put_i(int id, std::string_view name, std::string_view value);
-    void remove_at(size_t index);
-    size_t find(std::string_view name) const;
+    int append(int id, std::string_view name, std::string_view value);
+    int replace(Field& field, std::string_view value);
+    int join(Field& field, std::string_view value);
+    int remove(int id, std::string_view name);
+    void reindex();
 
     Arena& arena_;
     std::vector<Field> fields_;
-    std::uint8_t index_[NUM_HTTP_HEADS] = {}; ///< 1 + position in fields_, 0 = absent
+    Index index_[NUM_HTTP_HEADS] = {}; ///< 1 + position of the first in fields_, 0 = absent
 };

@@ -51,8 +51,15 @@ public:
     /// The text behind the "?" of the target, or null when there is no "?".
     const char* query() const { return query_; }
 
-    /// Sets method and target (both are copied). @return 0, or -1 with ENOMEM or EINVAL (a target
-    /// whose path cannot be decoded). Called by the parser and by tests.
+    /// The authority of a target in absolute form, without user information; else empty.
+    std::string_view authority() const { return authority_; }
+
+    /**
+     * Sets method and target (both are copied). Called by the parser and by tests.
+     * @return 0; -1 with ENOMEM; -1 with EINVAL for a target that is empty or holds a control
+     *         character, a blank or a byte above 0x7E, or whose path holds "%00" or a "%" without
+     *         two hexadecimal digits. The request is unchanged then.
+     */
     int request_line(std::string_view method, std::string_view target);
 
 protected:
@@ -65,6 +72,12 @@ protected:
     const char* target_ = "/";
     const char* path_ = "/";
     const char* query_ = nullptr;
+    std::string_view authority_;
+
+private:
+    struct Target;
+
+    int place_path(const Target& parts, bool encoded, const char*& path);
 };
 
 /// A response: status, reason and header fields.
@@ -74,7 +87,8 @@ public:
 
     /**
      * Sets status and reason phrase.
-     * @param code    three digits; 200 after a reset.
+     * @param code    three digits; 200 after a reset. Any other number, which the status line could
+     *                not hold, logs an error line and sets 500.
      * @param reason  null or "": the phrase of RFC 9110, section 15, or the generic text of the
      *                status class. A phrase with CR, LF or NUL is refused with an error line and
      *                replaced by the default.
@@ -82,7 +96,7 @@ public:
     void status(int code, const char* reason = nullptr);
 
     /// Never null.
-    const char* reason() const { return reason_; }
+    const char* reason() const { return reason_.data(); }
 
 protected:
     ~CGI_Response() = default;
@@ -90,7 +104,7 @@ protected:
     void reset();
 
     int status_ = 200;
-    const char* reason_ = "OK";
+    std::string_view reason_ = "OK"; ///< NUL-terminated
 };
 
 /// What requests and responses of HTTP/1.x have in common: T is CGI_Request or CGI_Response.
@@ -100,7 +114,8 @@ public:
     int minor_version() const { return minor_version_; }
     void minor_version(int version) { minor_version_ = version; }
 
-    /// Content-Length as a decimal number that stops at the first non-digit; 0 when absent.
+    /// Content-Length as a decimal number that stops at the first non-digit; 0 when absent, the
+    /// highest number of 64 bits when it is larger.
     std::uint64_t content_length() const;
     void content_length(std::uint64_t length);
 
@@ -156,7 +171,8 @@ public:
 
     /**
      * Serialises status line, fields (in the order in which they were put), a Date field unless the
-     * plug-in put one (RFC 9110, 6.6.1), and the empty line.
+     * plug-in put one (RFC 9110, 6.6.1), and the empty line, as one contiguous piece. The version
+     * is always HTTP/1.1, the highest that this server speaks (RFC 9112, 2.3).
      * @param iov    receives the entries; they point into this response and live until the next
      *               change of it
      * @param count  room in iov; at least iovec_count()

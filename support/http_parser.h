@@ -34,7 +34,7 @@ public:
      */
     HTTP_Parser_State parse(ACE_Message_Block& block, HTTP_Request& message);
 
-    /// Ready for the next header.
+    /// Ready for the next header. The message is the caller's to reset.
     void reset();
 
     enum : size_t { MAX_HEADER_LINES = 128, MAX_EMPTY_LINES = 2 };
@@ -44,8 +44,10 @@ protected:
     virtual bool parse_start_line(const char* begin, const char* end, HTTP_Request& message) = 0;
 
 private:
+    HTTP_Parser_State parse_line(const char* begin, const char* end, HTTP_Request& message);
     bool parse_field_line(const char* begin, const char* end, HTTP_Request& message);
-    bool check_framing(const HTTP_Request& message) const;
+    bool finish(HTTP_Request& message) const;
+    HTTP_Parser_State fail();
 
     HTTP_Parser_State state_ = HTTP_PARSER_STATE_LINE_EXPECTED;
     size_t line_ = 0;    ///< offset from the read pointer of the line being read

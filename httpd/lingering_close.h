@@ -1,0 +1,36 @@
+#pragma once
+
+#include <ace/Event_Handler.h>
+
+class ACE_Reactor;
+
+/**
+ * Closes a connection whose client is still sending, so that the client gets to read the response.
+ *
+ * A socket that is closed with unread input answers it with a reset, which discards the response on
+ * its way (RFC 9112, section 9.6). So the sending side was shut, and what still arrives is read and
+ * dropped, for LIMIT_SECONDS or LIMIT_BYTES, or until the client closes.
+ */
+class Lingering_Close : public ACE_Event_Handler {
+public:
+    enum { LIMIT_SECONDS = 2, LIMIT_BYTES = 1024 * 1024 };
+
+    /// Drops the input as an event handler of `reactor`. Takes the descriptor. Any thread.
+    static void start(ACE_Reactor& reactor, ACE_HANDLE handle);
+
+    /// Drops the input in the calling thread. Takes the descriptor.
+    static void run(ACE_HANDLE handle);
+
+    ACE_HANDLE get_handle() const override { return handle_; }
+    int handle_input(ACE_HANDLE handle) override;
+    int handle_timeout(const ACE_Time_Value& now, const void* act) override;
+    int handle_close(ACE_HANDLE handle, ACE_Reactor_Mask mask) override;
+
+private:
+    Lingering_Close(ACE_Reactor& reactor, ACE_HANDLE handle);
+    ~Lingering_Close() override;
+
+    ACE_HANDLE handle_;
+    size_t dropped_ = 0;
+    long timer_id_ = -1;
+};

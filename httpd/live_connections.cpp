@@ -1,0 +1,53 @@
+#include "httpd/live_connections.h"
+
+#include "support/log.h"
+
+Live_Connections& Live_Connections::instance()
+{
+    static Live_Connections* const connections = new Live_Connections;
+    return *connections;
+}
+
+void Live_Connections::add()
+{
+    const std::lock_guard<std::mutex> guard(mutex_);
+    ++count_;
+}
+
+void Live_Connections::remove()
+{
+    const std::lock_guard<std::mutex> guard(mutex_);
+    if (--count_ == 0) {
+        changed_.notify_all();
+    }
+}
+
+void Live_Connections::enter_thread(Worker* worker)
+{
+    const std::lock_guard<std::mutex> guard(mutex_);
+    workers_.insert(worker);
+}
+
+void Live_Connections::leave_thread(Worker* worker)
+{
+    const std::lock_guard<std::mutex> guard(mutex_);
+    workers_.erase(worker);
+}
+
+bool Live_Connections::drain(std::chrono::milliseconds limit)
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    std::unique_lock<std::mutex> guard(mutex_);
+    for (Worker* worker : workers_) {
+        worker->interrupt();
+    }
+    if (changed_.wait_until(guard, deadline, [this] { return count_ == 0; })) {
+        return true;
+    }
+    for (const Worker* worker : workers_) {
+        HTTPD_ERROR("A connection is still in its worker thread, its plug-in is left loaded: %s.",
+                    worker->plug_in().c_str());
+    }
+    HTTPD_ERROR("%B HTTP connections are still in use, plug-ins are left loaded.", count_);
+    return false;
+}

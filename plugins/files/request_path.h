@@ -1,0 +1,43 @@
+#pragma once
+
+#include <climits>
+#include <string_view>
+
+/**
+ * The name of a file below the root as a request spells it: decoded, and checked so that nothing in
+ * it can mean another place than the letters say.
+ */
+class Request_Path {
+public:
+    /**
+     * @param path    of the request, from its first slash on
+     * @param offset  where the part below the plug-in's own URI begins
+     * @return false for a path that names no file: malformed percent-encoding; a control character,
+     *         slash or backslash written as an encoding; a raw backslash or `#`; an empty name; a
+     *         name that begins with "." (`.`, `..` and hidden files) except `.well-known`; or one
+     *         that is too long.
+     */
+    bool decode(std::string_view path, size_t offset);
+
+    /// Relative to the root; "" is the root itself. No slash at either end.
+    const char* c_str() const { return text_; }
+
+    /// The request's path ended with a slash: it names a directory.
+    bool ends_with_slash() const { return slash_; }
+
+    /// Goes down to `name` in the directory. @return false when that is too long.
+    bool enter(std::string_view name);
+
+    /// Adds to the last name. @return false when that is too long.
+    bool append(std::string_view suffix);
+
+    /// What stands behind the last "." of the last name; "" when there is none.
+    const char* extension() const;
+
+private:
+    bool decode_names(std::string_view names);
+
+    char text_[PATH_MAX];
+    size_t length_ = 0;
+    bool slash_ = false;
+};

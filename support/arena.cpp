@@ -1,0 +1,87 @@
+#include "support/arena.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+
+Arena::~Arena()
+{
+    while (blocks_ != nullptr) {
+        Block* const next = blocks_->next_;
+        std::free(blocks_);
+        blocks_ = next;
+    }
+}
+
+void* Arena::allocate(size_t size)
+{
+    constexpr size_t ALIGNMENT = alignof(std::max_align_t);
+    const size_t past = reinterpret_cast<std::uintptr_t>(cursor_) % ALIGNMENT;
+    const size_t padding = past == 0 ? 0 : ALIGNMENT - past;
+    const size_t room = static_cast<size_t>(end_ - cursor_);
+    if (padding > room || size > room - padding) {
+        return allocate_slow(size); // a new block begins aligned
+    }
+    char* const result = cursor_ + padding;
+    cursor_ = result + size;
+    return result;
+}
+
+char* Arena::allocate_slow(size_t size)
+{
+    static_assert(sizeof(Block) % alignof(std::max_align_t) == 0);
+    size_t capacity = FIRST_BLOCK;
+    if (blocks_ != nullptr) {
+        capacity = std::min<size_t>(blocks_->capacity_ * 2, MAX_KEPT);
+    }
+    capacity = std::max(capacity, size);
+    if (capacity > SIZE_MAX - sizeof(Block)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    void* const memory = std::malloc(sizeof(Block) + capacity);
+    if (memory == nullptr) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    blocks_ = new (memory) Block{blocks_, capacity};
+    cursor_ = blocks_->data() + size;
+    end_ = blocks_->data() + capacity;
+    return blocks_->data();
+}
+
+// Blocks double up to MAX_KEPT, so keeping the largest lets a connection whose messages are alike
+// settle on one block that holds a whole message.
+void Arena::keep_one_block()
+{
+    Block* kept = nullptr;
+    while (blocks_ != nullptr) {
+        Block* const block = blocks_;
+        blocks_ = block->next_;
+        if (block->capacity_ <= MAX_KEPT &&
+            (kept == nullptr || block->capacity_ > kept->capacity_)) {
+            std::free(kept);
+            kept = block;
+        } else {
+            std::free(block);
+        }
+    }
+    blocks_ = kept;
+    cursor_ = nullptr;
+    end_ = nullptr;
+    if (kept != nullptr) {
+        kept->next_ = nullptr;
+        cursor_ = kept->data();
+        end_ = cursor_ + kept->capacity_;
+    }
+}
+
+size_t Arena::capacity() const
+{
+    size_t total = 0;
+    for (const Block* block = blocks_; block != nullptr; block = block->next_) {
+        total += block->capacity_;
+    }
+    return total;
+}

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <ace/Time_Value.h>
+
+#include <climits>
+#include <cstdint>
+
+/**
+ * A point on the monotonic clock, or none: how long a chain of waits may take in all. A wait that a
+ * signal interrupts goes on with what is left.
+ */
+class Deadline {
+public:
+    /// Never passes.
+    Deadline() = default;
+
+    /// Passes `milliseconds` from now.
+    static Deadline after_ms(int64_t milliseconds);
+
+    /// Passes `limit` from now; never when `limit` is null.
+    static Deadline after(const ACE_Time_Value* limit);
+
+    /// What poll(2) takes: milliseconds left, rounded up; -1 = no limit.
+    int left_ms() const;
+
+private:
+    int64_t at_ns_ = INT64_MAX; ///< INT64_MAX = never
+};
+
+/**
+ * Waits until `handle` is ready for `events` (POLLIN, POLLOUT), or has failed or hung up: the next
+ * operation on it tells. For descriptors of any number.
+ *
+ * @param restart  false: a signal ends the wait with EINTR.
+ * @return 1 when ready, 0 when the deadline has passed, -1 with errno.
+ */
+int wait_for_handle(int handle, short events, const Deadline& deadline, bool restart = true);
+
+/// wait_for_handle for writing: 0, or -1 with errno; ETIME when the limit has passed.
+int wait_for_room(int handle, int limit_ms);
+
+/// The end of a socket's own limit for one receive (SO_RCVTIMEO), counted from now; never if none.
+Deadline receive_deadline(int handle);

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#include <cstddef>
+
+/**
+ * Writes to descriptors that are no sockets: pipes, terminals, files. Such a descriptor is often
+ * shared with other processes, so its blocking mode is left as it is; no write waits longer than
+ * DEFAULT_SEND_LIMIT seconds (errno ETIME), and none raises SIGPIPE.
+ *
+ * @return all bytes, or -1 with errno.
+ */
+ssize_t write_all(int handle, const void* data, size_t length);
+
+/// write_all for a vector of any number of entries, which is not changed.
+ssize_t writev_all(int handle, const iovec* iov, int count);
+
+/// The bytes of a vector. @return 0, or -1 with EINVAL: a negative count or too many bytes.
+int iovec_total(const iovec* iov, int count, size_t& total);

@@ -1,0 +1,211 @@
+#include "support/socket_helpers.h"
+
+#include "support/descriptor_wait.h"
+#include "support/descriptor_write.h"
+
+#include <ace/SOCK.h>
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+
+namespace {
+
+/// Up to here one copy and a plain send are cheaper than a gathered one.
+constexpr size_t FLAT_LIMIT = 4096;
+
+/// Entries that are rebuilt on the stack to go on inside an entry of the caller's vector.
+constexpr int WINDOW = 64;
+
+/// Neither blocks nor raises SIGPIPE, whatever the descriptor's mode.
+constexpr int SEND_FLAGS = MSG_NOSIGNAL | MSG_DONTWAIT;
+
+int set_int_option(const ACE_SOCK& socket, int level, int option, int value)
+{
+    return setsockopt(socket.get_handle(), level, option, &value, sizeof value);
+}
+
+int set_time_option(const ACE_SOCK& socket, int option, int seconds)
+{
+    const timeval value{seconds, 0};
+    return setsockopt(socket.get_handle(), SOL_SOCKET, option, &value, sizeof value);
+}
+
+bool is_unix_socket(int handle)
+{
+    int domain = 0;
+    socklen_t length = sizeof domain;
+    return getsockopt(handle, SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 && domain == AF_UNIX;
+}
+
+/// After a failed send: 0 when it may be tried again, else -1 with errno.
+int recover(int handle)
+{
+    if (errno == EINTR) {
+        return 0;
+    }
+    if (errno != EAGAIN && errno != EWOULDBLOCK) {
+        return -1;
+    }
+    return wait_for_room(handle, send_limit_ms(handle));
+}
+
+ssize_t send_all(int handle, const char* data, size_t length)
+{
+    size_t done = 0;
+    while (done < length) {
+        const ssize_t sent = send(handle, data + done, length - done, SEND_FLAGS);
+        if (sent >= 0) {
+            done += static_cast<size_t>(sent);
+        } else if (errno == ENOTSOCK) {
+            return write_all(handle, data, length);
+        } else if (recover(handle) == -1) {
+            return -1;
+        }
+    }
+    return static_cast<ssize_t>(length);
+}
+
+ssize_t send_gathered(int handle, const iovec* iov, int count)
+{
+    msghdr message{};
+    // sendmsg does not change the entries; only its type is not const.
+    message.msg_iov = const_cast<iovec*>(iov);
+    message.msg_iovlen = static_cast<size_t>(count);
+    return sendmsg(handle, &message, SEND_FLAGS);
+}
+
+/// Sends a part of what is left of the vector, from byte `offset` of its first entry.
+ssize_t send_part(int handle, const iovec* iov, int count, size_t offset)
+{
+    if (offset == 0) {
+        return send_gathered(handle, iov, std::min(count, IOV_MAX));
+    }
+    iovec window[WINDOW];
+    const int used = std::min(count, WINDOW);
+    std::copy(iov, iov + used, window);
+    window[0].iov_base = static_cast<char*>(window[0].iov_base) + offset;
+    window[0].iov_len -= offset;
+    return send_gathered(handle, window, used);
+}
+
+ssize_t send_vector(int handle, const iovec* iov, int count, size_t total)
+{
+    int first = 0;
+    size_t offset = 0;
+    size_t done = 0;
+    while (done < total) {
+        while (offset >= iov[first].iov_len) { // entries that are done, and empty ones
+            offset -= iov[first].iov_len;
+            ++first;
+        }
+        const ssize_t sent = send_part(handle, iov + first, count - first, offset);
+        if (sent >= 0) {
+            offset += static_cast<size_t>(sent);
+            done += static_cast<size_t>(sent);
+        } else if (errno == ENOTSOCK) {
+            return writev_all(handle, iov, count);
+        } else if (recover(handle) == -1) {
+            return -1;
+        }
+    }
+    return static_cast<ssize_t>(total);
+}
+
+} // namespace
+
+int set_sock_nodelay(const ACE_SOCK& socket, bool on)
+{
+    if (set_int_option(socket, IPPROTO_TCP, TCP_NODELAY, on ? 1 : 0) == 0) {
+        return 0;
+    }
+    const int error = errno;
+    if (is_unix_socket(socket.get_handle())) {
+        return 0;
+    }
+    errno = error;
+    return -1;
+}
+
+int set_sock_keepalive(const ACE_SOCK& socket, int seconds)
+{
+    // The time first: where it is refused (UNIX-domain), nothing has been changed.
+    if (set_int_option(socket, IPPROTO_TCP, TCP_KEEPIDLE, seconds) == -1) {
+        return -1;
+    }
+    return set_int_option(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
+}
+
+int set_sock_timeout(const ACE_SOCK& socket, int send_seconds, int receive_seconds)
+{
+    if (send_seconds > 0 && set_time_option(socket, SO_SNDTIMEO, send_seconds) == -1) {
+        return -1;
+    }
+    return receive_seconds > 0 ? set_time_option(socket, SO_RCVTIMEO, receive_seconds) : 0;
+}
+
+int enable_fd_cloexec(int handle)
+{
+    const int flags = fcntl(handle, F_GETFD);
+    if (flags == -1) {
+        return -1;
+    }
+    return (flags & FD_CLOEXEC) != 0 ? 0 : fcntl(handle, F_SETFD, flags | FD_CLOEXEC);
+}
+
+int set_fd_nonblock(int handle, bool on)
+{
+    const int flags = fcntl(handle, F_GETFL);
+    if (flags == -1) {
+        return -1;
+    }
+    const int wanted = on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK;
+    return wanted == flags ? 0 : fcntl(handle, F_SETFL, wanted);
+}
+
+ssize_t ace_send(int handle, const void* data, size_t length)
+{
+    return send_all(handle, static_cast<const char*>(data), length);
+}
+
+ssize_t ace_sendv(int handle, const iovec* iov, int count)
+{
+    size_t total = 0;
+    if (iovec_total(iov, count, total) == -1) {
+        return -1;
+    }
+    if (total > FLAT_LIMIT) {
+        return send_vector(handle, iov, count, total);
+    }
+    char flat[FLAT_LIMIT];
+    size_t used = 0;
+    for (int i = 0; i < count; ++i) {
+        if (iov[i].iov_len > 0) {
+            std::memcpy(flat + used, iov[i].iov_base, iov[i].iov_len);
+            used += iov[i].iov_len;
+        }
+    }
+    return send_all(handle, flat, used);
+}
+
+int send_limit_ms(int handle)
+{
+    const int error = errno;
+    timeval limit{};
+    socklen_t length = sizeof limit;
+    int64_t milliseconds = 0;
+    if (getsockopt(handle, SOL_SOCKET, SO_SNDTIMEO, &limit, &length) == 0) {
+        milliseconds = static_cast<int64_t>(limit.tv_sec) * 1000 + (limit.tv_usec + 999) / 1000;
+    }
+    errno = error;
+    return milliseconds > 0 ? static_cast<int>(std::min<int64_t>(milliseconds, INT_MAX))
+                            : DEFAULT_SEND_LIMIT * 1000;
+}
