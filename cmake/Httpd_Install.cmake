@@ -17,12 +17,49 @@ set(HTTPD_PUBLIC_HEADERS
     object_creator_t.h
     simple_creator_t.h
     websocket_handler.h
-    websocket_io.h)
-list(TRANSFORM HTTPD_PUBLIC_HEADERS PREPEND "${PROJECT_SOURCE_DIR}/httpd/")
-install(FILES ${HTTPD_PUBLIC_HEADERS} DESTINATION "${HTTPD_INSTALL_INCLUDEDIR}/httpd")
-install(DIRECTORY "${PROJECT_SOURCE_DIR}/support/"
-    DESTINATION "${HTTPD_INSTALL_INCLUDEDIR}/support"
-    FILES_MATCHING PATTERN "*.h")
+    websocket_io.h
+    whole_body_handler.h)
+list(TRANSFORM HTTPD_PUBLIC_HEADERS PREPEND "httpd/")
+
+# Of support/, what plug-ins use of their own accord; headers that these include are added below.
+set(HTTPD_PUBLIC_SUPPORT_HEADERS
+    addr_string.h
+    fixed_block_file_reader_t.h
+    http_date.h
+    http_header_value.h
+    http_message.h
+    http_status.h
+    log.h
+    mime_type.h
+    uri.h)
+list(TRANSFORM HTTPD_PUBLIC_SUPPORT_HEADERS PREPEND "support/")
+
+# Adds the headers of the tree that the headers in the list include, directly or not.
+function(httpd_include_closure list)
+    set(todo ${${list}})
+    set(all "")
+    while(todo)
+        list(POP_FRONT todo header)
+        if(header IN_LIST all)
+            continue()
+        endif()
+        list(APPEND all ${header})
+        file(STRINGS "${PROJECT_SOURCE_DIR}/${header}" includes REGEX "^#include \"")
+        foreach(line ${includes})
+            string(REGEX REPLACE "^#include \"([^\"]+)\".*" "\\1" included "${line}")
+            list(APPEND todo ${included})
+        endforeach()
+    endwhile()
+    set(${list} ${all} PARENT_SCOPE)
+endfunction()
+
+set(HTTPD_INSTALLED_HEADERS ${HTTPD_PUBLIC_HEADERS} ${HTTPD_PUBLIC_SUPPORT_HEADERS})
+httpd_include_closure(HTTPD_INSTALLED_HEADERS)
+foreach(header ${HTTPD_INSTALLED_HEADERS})
+    get_filename_component(folder ${header} DIRECTORY)
+    install(FILES "${PROJECT_SOURCE_DIR}/${header}"
+        DESTINATION "${HTTPD_INSTALL_INCLUDEDIR}/${folder}")
+endforeach()
 
 foreach(library httpd_support httpd)
     target_compile_features(${library} INTERFACE cxx_std_20)
@@ -58,19 +95,20 @@ install(FILES
     "${PROJECT_BINARY_DIR}/httpd-config-version.cmake"
     DESTINATION "${HTTPD_INSTALL_CMAKEDIR}")
 
-# pkg-config joins paths itself, so an absolute directory must not get the prefix in front.
-foreach(kind LIBDIR INCLUDEDIR)
-    if(kind STREQUAL "LIBDIR")
-        set(directory "${CMAKE_INSTALL_LIBDIR}")
-    else()
-        set(directory "${HTTPD_INSTALL_INCLUDEDIR}")
-    endif()
-    if(IS_ABSOLUTE "${directory}")
-        set(HTTPD_PC_${kind} "${directory}")
-    else()
-        set(HTTPD_PC_${kind} "\${prefix}/${directory}")
-    endif()
-endforeach()
+# The prefix is found from where the file lies, so that "cmake --install --prefix" and a tree that
+# was moved are right too; an absolute directory stands for itself.
+set(HTTPD_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+set(HTTPD_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+set(HTTPD_PC_INCLUDEDIR "${HTTPD_INSTALL_INCLUDEDIR}")
+if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+    file(RELATIVE_PATH up "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+    string(REGEX REPLACE "/$" "" up "${up}")
+    set(HTTPD_PC_PREFIX "\${pcfiledir}/${up}")
+    set(HTTPD_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
+endif()
+if(NOT IS_ABSOLUTE "${HTTPD_INSTALL_INCLUDEDIR}")
+    set(HTTPD_PC_INCLUDEDIR "\${prefix}/${HTTPD_INSTALL_INCLUDEDIR}")
+endif()
 configure_file(
     "${CMAKE_CURRENT_LIST_DIR}/httpd.pc.in" "${PROJECT_BINARY_DIR}/httpd.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/httpd.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

@@ -95,10 +95,12 @@ ssize_t Log_Sink::log(ACE_Log_Record& record)
     const time_t seconds = stamp.sec();
     tm local{};
     ::localtime_r(&seconds, &local);
-    char date[32];
-    char zone[8];
-    std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local);
-    std::strftime(zone, sizeof zone, "%z", &local);
+    char date[32] = "";
+    char zone[8] = "";
+    if (std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local) == 0 ||
+        std::strftime(zone, sizeof zone, "%z", &local) == 0) {
+        date[0] = zone[0] = '\0'; // a clock that is off the calendar
+    }
     char head[80];
     const int head_length =
         std::snprintf(head, sizeof head, "%s.%03ld%s %s ", date,
@@ -153,7 +155,8 @@ bool open_log(Log_Level level, const std::string& file, std::string& error)
         }
     }
     // Never freed: lines are logged until the last of ACE's exit handlers has run.
-    ACE_Log_Msg::msg_backend(new Log_Sink(fd));
+    static Log_Sink* const sink = new Log_Sink(fd);
+    ACE_Log_Msg::msg_backend(sink);
     ACE_Log_Msg* const log = ACE_Log_Msg::instance();
     if (log->open("httpd_host", ACE_Log_Msg::CUSTOM) == -1) {
         error = "cannot open the log";

@@ -78,7 +78,13 @@ int serve(Host_Options& options)
         return fail(error);
     }
     raise_descriptor_limit();
-    ACE_Reactor::instance(new ACE_Reactor(new Epoll_Reactor, true), true);
+    constexpr bool OWNED = true;
+    auto* const reactor = new Epoll_Reactor;
+    ACE_Reactor::instance(new ACE_Reactor(reactor, OWNED), OWNED);
+    if (!reactor->initialized()) {
+        HTTPD_ERROR("Failed to open the reactor, errno=%d, %m", errno);
+        return FAILED;
+    }
     Signal_Watcher signals;
     if (signals.open(ACE_Reactor::instance()) == -1) {
         HTTPD_ERROR("Failed to watch signals, errno=%d, %m", errno);

@@ -1,5 +1,7 @@
 #include "host/service_loader.h"
 
+#include "host/directive_text.h"
+
 #include <ace/DLL.h>
 #include <ace/Log_Msg.h>
 #include <ace/Log_Msg_Callback.h>
@@ -19,7 +21,6 @@
 #include <fstream>
 #include <memory>
 #include <new>
-#include <regex>
 #include <sstream>
 
 namespace {
@@ -120,22 +121,16 @@ void* find_symbol(const std::string& library, ACE_DLL& dll, const char* name, st
 }
 
 /**
- * Finds out why a directive failed: the service configurator tells only that it did. Each
- * "library:symbol" in the text is tried again.
+ * Finds out why a directive failed, since the service configurator tells only that it did: the
+ * libraries and symbols that the text names are tried again.
  */
-std::string failure_reason(const std::string& text)
+std::string failure_reason(const std::string& directives)
 {
-    static const std::regex comment("#[^\n]*");
-    static const std::regex location("\\*\\s*([^\\s:'\"]+):([A-Za-z_][A-Za-z_0-9]*)");
-    const std::string directives = std::regex_replace(text, comment, "");
-    for (std::sregex_iterator it(directives.begin(), directives.end(), location), end; it != end;
-         ++it) {
+    for (const Service_Location& location : service_locations(directives)) {
         ACE_DLL dll;
         std::string error;
-        const std::string library = (*it)[1];
-        const std::string symbol = (*it)[2];
-        if (!open_library(library, dll, error) ||
-            find_symbol(library, dll, symbol.c_str(), error) == nullptr) {
+        if (!open_library(location.library_, dll, error) ||
+            find_symbol(location.library_, dll, location.symbol_.c_str(), error) == nullptr) {
             return error;
         }
     }
@@ -225,11 +220,11 @@ bool load_short_form(std::vector<char*>& args, std::string& error)
         error = std::string(SERVICE_NAME) + ": the service could not be initialised";
         return false;
     }
-    if (ACE_Service_Repository::instance()->insert(entry.get()) == -1) {
-        error = std::string(SERVICE_NAME) + ": the service repository is full";
+    ACE_Service_Type* const inserted = entry.release(); // the repository's now, whatever it answers
+    if (ACE_Service_Repository::instance()->insert(inserted) == -1) {
+        error = std::string(SERVICE_NAME) + ": the service repository refused it";
         return false;
     }
-    entry.release();
     return true;
 }
 

@@ -244,9 +244,8 @@ public:
         if (!guard.locked()) {
             return {};
         }
-        const auto found = std::find_if(map_.begin(), map_.end(), [obj](const auto& slot) {
-            return slot.second.obj_ == obj;
-        });
+        const auto found = std::find_if(
+            map_.begin(), map_.end(), [obj](const auto& slot) { return slot.second.obj_ == obj; });
         if (found == map_.end()) {
             return {};
         }

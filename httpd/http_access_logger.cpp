@@ -8,7 +8,6 @@
 #include <ace/ACE.h>
 #include <ace/FILE_Addr.h>
 #include <ace/FILE_Connector.h>
-#include <ace/Guard_T.h>
 #include <ace/INET_Addr.h>
 #include <ace/Null_Mutex.h>
 #include <ace/Singleton.h>
@@ -24,8 +23,9 @@
 #include <functional>
 #include <iterator>
 #include <limits>
+#include <mutex>
+#include <system_error>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/stat.h>
@@ -36,7 +36,7 @@ using Logger_Singleton = ACE_Unmanaged_Singleton<HTTP_Access_Logger_Impl, ACE_Nu
 
 constexpr int LOG_FILE_MODE = 0600;
 
-// Room for the longest texts. They are not NUL-terminated, except for the host.
+// Room for the longest texts, which are not NUL-terminated.
 constexpr size_t TIME_SIZE = 28;        // "2024-05-06 07:08:09.123456@", and a year of five digits
 constexpr size_t MICROSECONDS_SIZE = 7; // "123456@"
 constexpr size_t HOST_SIZE = INET6_ADDRSTRLEN;
@@ -130,15 +130,35 @@ size_t put_numbers(char (&out)[NUMBERS_SIZE], int minor_version, int status, uns
     return static_cast<size_t>(end - out);
 }
 
-/// The numeric host; an IPv4 peer of a dual-stack listener shows as plain IPv4.
-void put_host(char (&out)[HOST_SIZE], const ACE_INET_Addr& peer)
+/// The four bytes of an IPv4 address, which an IPv6 one may carry; null when there is none.
+const unsigned char* ipv4_bytes(const ACE_INET_Addr& peer)
 {
-    if (peer.get_type() == AF_INET6 && peer.is_ipv4_mapped_ipv6()) {
-        const auto* const address = static_cast<const sockaddr_in6*>(peer.get_addr());
-        ::inet_ntop(AF_INET, &address->sin6_addr.s6_addr[12], out, sizeof(out));
-        return;
+    if (peer.get_type() == AF_INET) {
+        const auto* const ipv4 = static_cast<const sockaddr_in*>(peer.get_addr());
+        return reinterpret_cast<const unsigned char*>(&ipv4->sin_addr.s_addr);
     }
-    peer.get_host_addr(out, sizeof(out));
+    if (peer.get_type() == AF_INET6 && peer.is_ipv4_mapped_ipv6()) {
+        const auto* const ipv6 = static_cast<const sockaddr_in6*>(peer.get_addr());
+        return &ipv6->sin6_addr.s6_addr[12];
+    }
+    return nullptr;
+}
+
+/// The numeric host; an IPv4 peer of a dual-stack listener shows as plain IPv4. @return its length.
+size_t put_host(char (&out)[HOST_SIZE], const ACE_INET_Addr& peer)
+{
+    const unsigned char* const bytes = ipv4_bytes(peer);
+    if (bytes == nullptr) {
+        peer.get_host_addr(out, sizeof(out));
+        return ::strnlen(out, sizeof(out));
+    }
+    // By hand, since the C library goes through printf: that was half the cost of a line.
+    char* end = put_number(out, bytes[0]);
+    for (int i = 1; i < 4; ++i) {
+        *end++ = '.';
+        end = put_number(end, bytes[i]);
+    }
+    return static_cast<size_t>(end - out);
 }
 
 } // namespace
@@ -159,6 +179,17 @@ void HTTP_Access_Logger_Impl::close_instance()
     Logger_Singleton::close();
 }
 
+/// The lock; not held, with errno, when it cannot be taken.
+std::unique_lock<std::mutex> HTTP_Access_Logger_Impl::take_lock()
+{
+    try {
+        return std::unique_lock<std::mutex>(lock_);
+    } catch (const std::system_error& error) {
+        errno = error.code().value();
+        return std::unique_lock<std::mutex>(lock_, std::defer_lock);
+    }
+}
+
 int HTTP_Access_Logger_Impl::open(const char* path, unsigned int max_file_number, long max_size,
                                   bool compression)
 {
@@ -166,8 +197,8 @@ int HTTP_Access_Logger_Impl::open(const char* path, unsigned int max_file_number
         HTTPD_EMERGENCY("Unexpected error in %N:%l, path is NULL or \"\":\n%?");
         return -1;
     }
-    const ACE_Guard<ACE_Thread_Mutex> guard(lock_);
-    if (!guard.locked()) {
+    const std::unique_lock<std::mutex> guard = this->take_lock();
+    if (!guard) {
         return -1;
     }
     const int result = this->open_i(path, max_file_number, max_size, compression);
@@ -231,14 +262,13 @@ int HTTP_Access_Logger_Impl::log(const ACE_Time_Value& start, const ACE_Time_Val
     char host[HOST_SIZE] = {};
     char duration[DURATION_SIZE];
     char numbers[NUMBERS_SIZE];
-    put_host(host, peer);
     const char* const method = http_method_string(request.method());
     const char* const uri = request.uri(true);
     static constexpr char BLANK[] = " ";
     static constexpr char VERSION[] = " HTTP/1.";
     const iovec pieces[] = {
         piece(time, put_time(time, end)),
-        piece(host, std::strlen(host)),
+        piece(host, put_host(host, peer)),
         piece(duration, put_duration(duration, end - start)),
         piece(method, std::strlen(method)),
         piece(BLANK, sizeof(BLANK) - 1),
@@ -255,8 +285,8 @@ int HTTP_Access_Logger_Impl::log(const ACE_Time_Value& start, const ACE_Time_Val
 
 int HTTP_Access_Logger_Impl::write_line(const iovec* pieces, int count)
 {
-    const ACE_Guard<ACE_Thread_Mutex> guard(lock_);
-    if (!guard.locked()) {
+    const std::unique_lock<std::mutex> guard = this->take_lock();
+    if (!guard) {
         return -1;
     }
     if (file_.get_handle() == ACE_INVALID_HANDLE) {
@@ -296,8 +326,8 @@ int HTTP_Access_Logger_Impl::rotate()
     if (!this->above_limit()) {
         return 0;
     }
-    const ACE_Guard<ACE_Thread_Mutex> guard(lock_);
-    if (!guard.locked()) {
+    const std::unique_lock<std::mutex> guard = this->take_lock();
+    if (!guard) {
         return -1;
     }
     if (!this->above_limit()) {

@@ -3,7 +3,6 @@
 #include "httpd/export.h"
 
 #include <ace/FILE_IO.h>
-#include <ace/Thread_Mutex.h>
 
 #include <sys/types.h>
 #include <sys/uio.h>
@@ -11,6 +10,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 
 class ACE_INET_Addr;
 class ACE_Time_Value;
@@ -69,6 +69,7 @@ public:
             unsigned long sent);
 
 private:
+    std::unique_lock<std::mutex> take_lock();
     int open_i(const char* path, unsigned int max_file_number, long max_size, bool compression);
     int open_file(int flags);
     void close_file();
@@ -84,7 +85,7 @@ private:
     bool compression_ = false;
     std::uint32_t count_ = 0; ///< number of the newest rotated copy
     ACE_FILE_IO file_;
-    ACE_Thread_Mutex lock_; ///< guards everything; the atomics are also read without it
+    std::mutex lock_; ///< guards everything; the atomics are also read without it
 
     /// Where the last write ended, counted so that the file is not asked after each line.
     std::atomic<std::int64_t> position_{0};

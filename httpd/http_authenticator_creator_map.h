@@ -17,7 +17,8 @@ class ACE_Singleton;
  * Made by the first call of instance(), which must not race; destroyed only by close_instance().
  */
 class HTTPD_EXPORT HTTP_Authenticator_Creator_Map
-    : public DLL_Object_Manager_T<Object_Creator_T<HTTP_Authenticator>, void (*)(void*), ACE_Null_Mutex> {
+    : public DLL_Object_Manager_T<Object_Creator_T<HTTP_Authenticator>, void (*)(void*),
+                                  ACE_Null_Mutex> {
 public:
     ~HTTP_Authenticator_Creator_Map() override;
 

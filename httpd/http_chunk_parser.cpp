@@ -44,8 +44,8 @@ HTTP_Chunk_State HTTP_Chunk_Parser::parse(ACE_Message_Block* mb, size_t& length)
             cursor += stop ? 0 : 1;
             break;
         case HTTP_CHUNK_STATE_EXT: { // -> SIZE_CR
-            auto* const cr = static_cast<char*>(
-                std::memchr(cursor, '\r', static_cast<size_t>(end - cursor)));
+            auto* const cr =
+                static_cast<char*>(std::memchr(cursor, '\r', static_cast<size_t>(end - cursor)));
             if (cr != nullptr) {
                 state_ = HTTP_CHUNK_STATE_SIZE_CR;
             }

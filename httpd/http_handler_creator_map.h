@@ -17,7 +17,8 @@ class ACE_Singleton;
  * Made by the first call of instance(), which must not race; destroyed only by close_instance().
  */
 class HTTPD_EXPORT HTTP_Handler_Creator_Map
-    : public DLL_Object_Manager_T<Object_Creator_T<HTTP_Handler>, void (*)(void*), ACE_Thread_Mutex> {
+    : public DLL_Object_Manager_T<Object_Creator_T<HTTP_Handler>, void (*)(void*),
+                                  ACE_Thread_Mutex> {
 public:
     ~HTTP_Handler_Creator_Map() override;
 

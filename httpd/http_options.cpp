@@ -29,14 +29,10 @@
 #include <string_view>
 #include <utility>
 
-#include <sys/un.h>
-
 namespace {
 
 using Options_Singleton = ACE_Unmanaged_Singleton<HTTP_Options, ACE_Null_Mutex>;
 using Listen_Address = HTTP_Options::Listen_Address;
-
-constexpr size_t MAX_UNIX_PATH = sizeof(sockaddr_un::sun_path) - 1;
 
 bool equal(const char* left, const char* right)
 {
@@ -90,9 +86,9 @@ std::optional<ACE_Time_Value> duration(const char* name, const char* value)
 /**
  * The address that `text` names, or null with errno.
  *
- * What ACE cannot read leaves the object at its default, which is refused when it is opened. An
- * empty text is left at the default too, since ACE would read it as a random port on every
- * interface.
+ * What ACE cannot read leaves the object at its default, and a path too long fills its object: both
+ * are refused when they are opened. An empty text is left at the default too, since ACE would read
+ * it as a random port on every interface.
  */
 std::unique_ptr<ACE_Addr> make_sap(Listen_Address::Type type, const std::string& text)
 {
@@ -128,9 +124,6 @@ std::string split_piece(std::string_view piece, Listen_Address& address)
 {
     if (piece.front() == '/' || piece.front() == '@') {
         address.type = Listen_Address::TYPE_HTTPU;
-        if (piece.size() > MAX_UNIX_PATH) {
-            address.unfit_path = piece;
-        }
         return std::string(piece);
     }
     const size_t slash = piece.find('/');

@@ -46,10 +46,6 @@ public:
         std::unique_ptr<ACE_Addr> sap;
         bool ipv6_only = false;
 
-        /// The path as given when it is too long for a UNIX-domain address, which holds only its
-        /// beginning: such an address must not be opened. Otherwise empty.
-        std::string unfit_path;
-
         bool is_ssl() const { return type == TYPE_HTTPS; }
         bool is_inet_or_inet6() const;
     };

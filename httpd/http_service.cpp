@@ -64,13 +64,6 @@ ACE_Service_Object* make_acceptor_by_type(Event_Loop_Manager& loops, const HTTP_
     case Listen_Address::TYPE_HTTPM:
         return make_acceptor_for<MEM_Stream, ACE_MEM_Addr>(loops, options, address);
     case Listen_Address::TYPE_HTTPU:
-        if (!address.unfit_path.empty()) {
-            // The address object holds the beginning of the path: another file.
-            errno = ENAMETOOLONG;
-            HTTPD_ERROR("Failed to listen %s %s, errno=%d, %m", "HTTP", address.unfit_path.c_str(),
-                        errno);
-            return nullptr;
-        }
         return make_acceptor_for<LSOCK_Stream, ACE_UNIX_Addr>(loops, options, address);
     }
     return nullptr;
@@ -122,12 +115,13 @@ HTTP_Service::~HTTP_Service()
 int HTTP_Service::init(int argc, char** argv)
 {
     ignore_sigpipe();
+    // Before the options change: the connections of an earlier init read them without a lock.
+    this->clear();
     HTTP_Options* const options = HTTP_Options::instance();
     if (options == nullptr || options->parse_args(argc, argv) < 0) {
         HTTPD_ERROR("Failed to parse HTTP options.");
         return -1;
     }
-    this->clear();
     const char* const reactor_type = get_preferred_reactor_type();
     const auto loops = static_cast<unsigned int>(options->loops());
     if (!loops_.open(reactor_type, loops)) {

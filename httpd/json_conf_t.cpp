@@ -68,8 +68,7 @@ int JSON_Conf_T<Traits>::make_creator(entry_ptr_type& entry) const
     errno = 0; // the search for the library left its own
     entry.obj_ = maker(&entry.gobbler_);
     if (entry.obj_ == nullptr) {
-        HTTPD_ERROR("Failed to create %s handler for method '%s': %m", Traits::name,
-                    uri().c_str());
+        HTTPD_ERROR("Failed to create %s handler for method '%s': %m", Traits::name, uri().c_str());
         return -1;
     }
     return 0;
@@ -96,8 +95,7 @@ template <typename Traits>
 int JSON_Conf_T<Traits>::insert_creator(entry_ptr_type& entry) const
 {
     auto* const registry = Traits::creator_map::instance();
-    if (registry == nullptr ||
-        registry->insert(uri(), dll(), entry.obj_, entry.gobbler_) == -1) {
+    if (registry == nullptr || registry->insert(uri(), dll(), entry.obj_, entry.gobbler_) == -1) {
         HTTPD_ERROR("Failed to load %s handelr(uri='%s', dll='%s', init='%s', params='%s')",
                     Traits::name, uri().c_str(), dll().c_str(), init().c_str(), params().c_str());
         return -1;

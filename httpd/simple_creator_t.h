@@ -28,7 +28,7 @@
 /**
  * Memory for objects of one type that is handed out again: a fixed number of slots, each holding
  * one free piece. A thread uses its own few slots, all in one cache line, so event loops do not
- * share them; a piece that finds no empty slot goes back to the heap.
+ * share them; a piece that finds no empty slot goes back to the heap. At most 128 pieces are kept.
  *
  * Any thread, without a lock. A slot is emptied or filled as a whole, so no thread ever looks into
  * a piece that another one has taken.
@@ -110,9 +110,9 @@ private:
         }
         poison(memory, false);
         if constexpr (OVERALIGNED) {
-            ::operator delete(memory, sizeof(T), std::align_val_t(alignof(T)));
+            ::operator delete(memory, std::align_val_t(alignof(T)));
         } else {
-            ::operator delete(memory, sizeof(T));
+            ::operator delete(memory);
         }
     }
 
@@ -217,8 +217,11 @@ protected:
 
 private:
     /// Who declares init and fini: the base class has them, or an authenticator may.
-    using Life = std::conditional_t<
-        requires(Base& base, int argc, char** argv) { base.init(argc, argv); }, Base, Derived>;
+    using Life = std::conditional_t < requires(Base& base, int argc, char** argv)
+    {
+        base.init(argc, argv);
+    }
+    , Base, Derived > ;
 
     int init_object(Derived& object)
     {
@@ -289,8 +292,8 @@ Object_Creator_T<typename Creator::object_type>* make_creator(void (**gobbler)(v
  * The second argument is the factory's class, which has a default constructor.
  */
 #define HTTPD_PLUGIN_FACTORY(NAME, ...)                                                            \
-    extern "C" __attribute__((visibility("default")))                                              \
-    Object_Creator_T<__VA_ARGS__::object_type>* NAME(void (**gobbler)(void*))                      \
+    extern "C" __attribute__((visibility("default"))) Object_Creator_T<__VA_ARGS__::object_type>*  \
+    NAME(void (**gobbler)(void*))                                                                  \
     {                                                                                              \
         return make_creator<__VA_ARGS__>(gobbler);                                                 \
     }

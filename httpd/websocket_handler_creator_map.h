@@ -2,8 +2,8 @@
 
 #include "httpd/dll_object_manager_t.h"
 #include "httpd/export.h"
-#include "httpd/websocket_handler.h"
 #include "httpd/object_creator_t.h"
+#include "httpd/websocket_handler.h"
 
 #include <ace/Null_Mutex.h>
 
@@ -17,7 +17,8 @@ class ACE_Singleton;
  * Made by the first call of instance(), which must not race; destroyed only by close_instance().
  */
 class HTTPD_EXPORT WebSocket_Handler_Creator_Map
-    : public DLL_Object_Manager_T<Object_Creator_T<WebSocket_Handler>, void (*)(void*), ACE_Null_Mutex> {
+    : public DLL_Object_Manager_T<Object_Creator_T<WebSocket_Handler>, void (*)(void*),
+                                  ACE_Null_Mutex> {
 public:
     ~WebSocket_Handler_Creator_Map() override;
 

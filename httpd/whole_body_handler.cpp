@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <new>
+#include <exception>
 
 namespace {
 
@@ -88,7 +88,7 @@ bool Whole_Body_Handler::append(const void* data, size_t length)
             body_.reserve(static_cast<size_t>(std::min(expected_, MAX_RESERVED)));
         }
         body_.append(static_cast<const char*>(data), length);
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) { // no memory, or more than a string can hold
         errno = ENOMEM;
         return false;
     }

@@ -60,8 +60,7 @@ void write_ipv6(const sockaddr_in6& address, bool with_port, char* text, size_t 
     inet_ntop(AF_INET6, &address.sin6_addr, host, sizeof host);
     append_zone(address.sin6_scope_id, host);
     if (with_port) {
-        std::snprintf(text, size, "[%s]:%u", host,
-                      static_cast<unsigned>(ntohs(address.sin6_port)));
+        std::snprintf(text, size, "[%s]:%u", host, static_cast<unsigned>(ntohs(address.sin6_port)));
     } else {
         std::snprintf(text, size, "%s", host);
     }
@@ -71,8 +70,7 @@ void write_ipv6(const sockaddr_in6& address, bool with_port, char* text, size_t 
 const sockaddr* raw_address(const ACE_Addr& address)
 {
     const auto* memory = dynamic_cast<const ACE_MEM_Addr*>(&address);
-    const void* raw =
-        memory != nullptr ? memory->get_local_addr().get_addr() : address.get_addr();
+    const void* raw = memory != nullptr ? memory->get_local_addr().get_addr() : address.get_addr();
     return static_cast<const sockaddr*>(raw);
 }
 

@@ -8,7 +8,8 @@ class YAJL_Handler;
  * Reads the JSON file at `path` block by block into `handler`. A file that cannot be read and a
  * syntax error are logged, the latter with its line, column and reason.
  *
- * @return 0, or -1 with errno: that of open(2) or read(2), EINVAL for a null path or a syntax error.
+ * @return 0, or -1 with errno: that of open(2) or read(2), EINVAL for a null path or a syntax
+ * error.
  */
 HTTPD_SUPPORT_EXPORT int load_json_file(const char* path, YAJL_Handler& handler);
 

@@ -60,6 +60,10 @@ int Deadline::left_ms() const
 
 int wait_for_handle(int handle, short events, const Deadline& deadline, bool restart)
 {
+    if (handle < 0) { // poll takes a negative number for an entry to skip
+        errno = EBADF;
+        return -1;
+    }
     for (;;) {
         pollfd entry{handle, events, 0};
         const int left = deadline.left_ms();

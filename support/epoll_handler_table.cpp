@@ -15,12 +15,12 @@ namespace {
 using Guard = ACE_Guard<ACE_Thread_Mutex>;
 
 // What ACE lets a caller ask for under several names is one readiness of the descriptor.
-constexpr ACE_Reactor_Mask INPUT_EVENTS = ACE_Event_Handler::READ_MASK |
-                                          ACE_Event_Handler::ACCEPT_MASK |
-                                          ACE_Event_Handler::CONNECT_MASK;
+constexpr ACE_Reactor_Mask INPUT_EVENTS =
+    ACE_Event_Handler::READ_MASK | ACE_Event_Handler::ACCEPT_MASK | ACE_Event_Handler::CONNECT_MASK;
 constexpr ACE_Reactor_Mask OUTPUT_EVENTS =
     ACE_Event_Handler::WRITE_MASK | ACE_Event_Handler::CONNECT_MASK;
 constexpr ACE_Reactor_Mask EXCEPT_EVENTS = ACE_Event_Handler::EXCEPT_MASK;
+constexpr ACE_Reactor_Mask DESCRIPTOR_EVENTS = INPUT_EVENTS | OUTPUT_EVENTS | EXCEPT_EVENTS;
 
 ACE_Reactor_Mask asked_for(ACE_Reactor_Mask event)
 {
@@ -134,7 +134,7 @@ int Epoll_Handler_Table::watch(ACE_HANDLE handle, uint64_t tag)
 
 int Epoll_Handler_Table::bind(ACE_HANDLE handle, ACE_Event_Handler* handler, ACE_Reactor_Mask mask)
 {
-    mask &= static_cast<ACE_Reactor_Mask>(ACE_Event_Handler::ALL_EVENTS_MASK);
+    mask &= DESCRIPTOR_EVENTS;
     if (handle < 0 || handler == nullptr || mask == ACE_Event_Handler::NULL_MASK) {
         errno = EINVAL;
         return -1;
@@ -336,7 +336,7 @@ void Epoll_Handler_Table::resume_all()
 int Epoll_Handler_Table::mask_ops(ACE_HANDLE handle, const ACE_Event_Handler* expected,
                                   ACE_Reactor_Mask mask, int operation)
 {
-    mask &= static_cast<ACE_Reactor_Mask>(ACE_Event_Handler::ALL_EVENTS_MASK);
+    mask &= DESCRIPTOR_EVENTS;
     Guard guard(mutex_);
     Slot* const slot = this->bound_slot(handle, expected);
     if (slot == nullptr) {
@@ -446,10 +446,9 @@ bool Epoll_Handler_Table::take_queued(Upcall& upcall)
     queued_.fetch_sub(1);
 
     ACE_Reactor_Mask ready = std::exchange(slot.queued, uint8_t{0});
-    for (const ACE_Reactor_Mask event :
-         {ACE_Reactor_Mask{ACE_Event_Handler::READ_MASK},
-          ACE_Reactor_Mask{ACE_Event_Handler::WRITE_MASK},
-          ACE_Reactor_Mask{ACE_Event_Handler::EXCEPT_MASK}}) {
+    for (const ACE_Reactor_Mask event : {ACE_Reactor_Mask{ACE_Event_Handler::READ_MASK},
+                                         ACE_Reactor_Mask{ACE_Event_Handler::WRITE_MASK},
+                                         ACE_Reactor_Mask{ACE_Event_Handler::EXCEPT_MASK}}) {
         if ((slot.mask & asked_for(event)) == 0) {
             ready &= ~event;
         }
@@ -462,19 +461,19 @@ bool Epoll_Handler_Table::take_queued(Upcall& upcall)
     return true;
 }
 
-bool Epoll_Handler_Table::identify(ACE_HANDLE handle, const ACE_Event_Handler* handler,
-                                   Upcall& upcall)
+bool Epoll_Handler_Table::identify(const ACE_Event_Handler* handler, ACE_HANDLE handle,
+                                   ACE_Reactor_Mask event, Upcall& upcall)
 {
     Guard guard(mutex_);
     Slot* const slot = this->bound_slot(handle, handler);
-    if (slot == nullptr || slot->closing) {
+    if (slot == nullptr || (slot->mask & asked_for(event)) == 0) {
         return false;
     }
-    upcall = {slot->handler, handle, slot->generation, ACE_Event_Handler::NULL_MASK};
+    upcall = {slot->handler, handle, slot->generation, event};
     return true;
 }
 
-size_t Epoll_Handler_Table::size()
+size_t Epoll_Handler_Table::size() const
 {
     Guard guard(mutex_);
     return chunks_.size() * CHUNK_SLOTS;

@@ -98,11 +98,13 @@ public:
     /// Takes the one that waits longest; false when it has been removed or suspended meanwhile.
     bool take_queued(Upcall& upcall);
 
-    /// Fills `upcall` (without a reference) when the handler is registered under that handle.
-    bool identify(ACE_HANDLE handle, const ACE_Event_Handler* handler, Upcall& upcall);
+    /// Fills `upcall` (without a reference) when the handler is registered under that handle for
+    /// the event.
+    bool identify(const ACE_Event_Handler* handler, ACE_HANDLE handle, ACE_Reactor_Mask event,
+                  Upcall& upcall);
 
     /// The number of slots.
-    size_t size();
+    size_t size() const;
 
     ACE_Lock& lock() { return lock_adapter_; }
 
@@ -111,9 +113,9 @@ private:
         ACE_Event_Handler* handler = nullptr; ///< null: vacant; holds a reference otherwise
         uint32_t generation = 0;
         ACE_HANDLE next_queued = ACE_INVALID_HANDLE;
-        uint16_t mask = 0;    ///< what was asked for, in ACE's bits
-        uint8_t queued = 0;   ///< upcalls due without an event of the kernel
-        bool linked = false;  ///< in the list of those; outlives the binding
+        uint16_t mask = 0;   ///< what was asked for, in ACE's bits
+        uint8_t queued = 0;  ///< upcalls due without an event of the kernel
+        bool linked = false; ///< in the list of those; outlives the binding
         bool suspended = false;
         bool armed = false;   ///< known to be in the epoll set
         bool closing = false; ///< the reference belongs to the thread that runs handle_close
@@ -133,7 +135,7 @@ private:
     int arm(ACE_HANDLE handle, uint32_t generation, uint32_t events);
     int synchronise(ACE_HANDLE handle, Slot& slot);
 
-    ACE_Thread_Mutex mutex_;
+    mutable ACE_Thread_Mutex mutex_;
     ACE_Lock_Adapter<ACE_Thread_Mutex> lock_adapter_;
     ACE_HANDLE epoll_;
     bool refusing_;

@@ -9,6 +9,7 @@
 namespace {
 
 constexpr off_t PAGE = 4096;
+constexpr off_t LARGEST_FOLIO = 2 * 1024 * 1024; ///< pages that the kernel keeps as one piece
 
 /// Asks the caller's filter; one that throws has not agreed.
 bool is_accepted(const std::function<bool(const char*)>& filter, const char* path)
@@ -173,8 +174,9 @@ void File_Block_Reader::leave_direct_mode()
     }
 }
 
-/// Gives up the cache behind the reader. The kernel drops whole pages only, apart from the last one
-/// of the file, so a page that the next block shares waits for that block.
+/// Gives up the cache behind the reader. The kernel drops only what lies in the range as a whole: a
+/// page, or a larger folio of them, that ends behind the range waits for a later block, whose range
+/// therefore begins where the folio may have begun.
 void File_Block_Reader::discard_cache(bool at_end)
 {
     if (discard_cache_ != DISCARD_EACH_BLOCK && discard_cache_ <= KEEP_CACHE) {
@@ -186,7 +188,8 @@ void File_Block_Reader::discard_cache(bool at_end)
     if (end <= discarded_ || (!at_end && offset_ - discarded_ < step)) {
         return;
     }
-    posix_fadvise(handle_, discarded_, end - discarded_, POSIX_FADV_DONTNEED);
+    const off_t begin = discarded_ / LARGEST_FOLIO * LARGEST_FOLIO;
+    posix_fadvise(handle_, begin, end - begin, POSIX_FADV_DONTNEED);
     discarded_ = whole_pages;
 }
 

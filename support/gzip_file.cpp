@@ -73,8 +73,8 @@ int deflate_file(int in, int out, int level, const std::atomic<bool>& cancelled)
     constexpr int MEMORY = 8;
     const std::unique_ptr<Blocks> blocks(new (std::nothrow) Blocks);
     z_stream stream{};
-    if (blocks == nullptr || deflateInit2(&stream, level, Z_DEFLATED, GZIP_WINDOW, MEMORY,
-                                          Z_DEFAULT_STRATEGY) != Z_OK) {
+    if (blocks == nullptr ||
+        deflateInit2(&stream, level, Z_DEFLATED, GZIP_WINDOW, MEMORY, Z_DEFAULT_STRATEGY) != Z_OK) {
         errno = ENOMEM;
         return -1;
     }

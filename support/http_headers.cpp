@@ -20,13 +20,10 @@ bool is_known(int id)
 // own to our response.
 bool breaks_line(std::string_view value)
 {
-    const char* const end = value.data() + value.size();
-    const char* at = http_find_control(value.data(), end);
-    while (at != end) {
-        if (*at == '\r' || *at == '\n' || *at == '\0') {
+    for (const char c : value) {
+        if (static_cast<unsigned char>(c) <= '\r' && (c == '\r' || c == '\n' || c == '\0')) {
             return true;
         }
-        at = http_find_control(at + 1, end);
     }
     return false;
 }

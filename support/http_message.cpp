@@ -7,35 +7,12 @@
 #include "support/log.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <limits>
 
 namespace {
-
-constexpr unsigned char TARGET_REFUSED = 1;
-constexpr unsigned char TARGET_PERCENT = 2;
-
-constexpr auto TARGET_CHARS = [] {
-    std::array<unsigned char, 256> table{};
-    for (size_t c = 0; c < table.size(); ++c) {
-        table[c] = c > 0x20 && c < 0x7F ? 0 : TARGET_REFUSED;
-    }
-    table['%'] = TARGET_PERCENT;
-    return table;
-}();
-
-/// What occurs in a target, as a set of the bits above.
-unsigned examine_target(std::string_view target)
-{
-    unsigned found = target.empty() ? TARGET_REFUSED : 0;
-    for (const char c : target) {
-        found |= TARGET_CHARS[static_cast<unsigned char>(c)];
-    }
-    return found;
-}
 
 int hex_value(char c)
 {
@@ -155,8 +132,7 @@ struct CGI_Request::Target {
 
 int CGI_Request::request_line(std::string_view method, std::string_view target)
 {
-    const unsigned found = examine_target(target);
-    if ((found & TARGET_REFUSED) != 0) {
+    if (target.empty() || !http_is_visible(target)) {
         errno = EINVAL;
         return -1;
     }
@@ -170,9 +146,8 @@ int CGI_Request::request_line(std::string_view method, std::string_view target)
 
     const bool is_authority = number == HTTP_METHOD_CONNECT;
     const Target parts(std::string_view(copy, target.size()), is_authority);
-    const bool encoded = (found & TARGET_PERCENT) != 0 && !is_authority;
-    const char* path = nullptr;
-    if (place_path(parts, encoded, path) == -1) {
+    const char* const path = place_path(parts.path, !is_authority);
+    if (path == nullptr) {
         return -1;
     }
     method_ = number;
@@ -185,25 +160,22 @@ int CGI_Request::request_line(std::string_view method, std::string_view target)
 }
 
 // The path as a C string: the stored target's own end where nothing follows it, else a copy.
-int CGI_Request::place_path(const Target& parts, bool encoded, const char*& path)
+const char* CGI_Request::place_path(std::string_view path, bool may_be_encoded)
 {
-    if (!encoded) {
-        path = *(parts.path.data() + parts.path.size()) == '\0' ? parts.path.data()
-                                                                : arena_.copy(parts.path);
-        return path == nullptr ? -1 : 0;
+    if (!may_be_encoded || path.find('%') == std::string_view::npos) {
+        return path.data()[path.size()] == '\0' ? path.data() : arena_.copy(path);
     }
-    char* const decoded = arena_.allocate_text(parts.path.size() + 1);
+    char* const decoded = arena_.allocate_text(path.size() + 1);
     if (decoded == nullptr) {
-        return -1;
+        return nullptr;
     }
-    const ptrdiff_t length = decode_unreserved(parts.path, decoded);
+    const ptrdiff_t length = decode_unreserved(path, decoded);
     if (length == -1) {
         errno = EINVAL;
-        return -1;
+        return nullptr;
     }
     decoded[length] = '\0';
-    path = decoded;
-    return 0;
+    return decoded;
 }
 
 void CGI_Request::reset()

@@ -77,7 +77,7 @@ protected:
 private:
     struct Target;
 
-    int place_path(const Target& parts, bool encoded, const char*& path);
+    const char* place_path(std::string_view path, bool may_be_encoded);
 };
 
 /// A response: status, reason and header fields.

@@ -1,14 +1,18 @@
 #include "support/http_method.h"
 
+#include <cstring>
+
 namespace {
 
 constexpr const char* NAMES[NUM_HTTP_METHOD_STRINGS] = {
     "CONNECT", "COPY", "DELETE", "GET", "HEAD", "MKCOL", "MOVE", "OPTIONS", "POST", "PUT", "TRACE",
 };
 
+/// `candidate` is a method whose name is as long as the token.
 HTTP_Method match(std::string_view token, HTTP_Method candidate)
 {
-    return token == NAMES[candidate] ? candidate : HTTP_NO_METHOD;
+    return std::memcmp(token.data(), NAMES[candidate], token.size()) == 0 ? candidate
+                                                                          : HTTP_NO_METHOD;
 }
 
 } // namespace

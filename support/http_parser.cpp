@@ -49,7 +49,7 @@ HTTP_Parser_State HTTP_Parser::parse(ACE_Message_Block& block, HTTP_Request& mes
     }
     while (state_ == HTTP_PARSER_STATE_LINE_EXPECTED ||
            state_ == HTTP_PARSER_STATE_HEADERS_PARSING) {
-        const char* const stop = http_find_control(begin + scanned_, end);
+        const char* const stop = http_find_control(begin, begin + scanned_, end);
         scanned_ = static_cast<size_t>(stop - begin);
         if (stop == end || (*stop == '\r' && stop + 1 == end)) {
             return state_;

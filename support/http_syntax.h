@@ -61,7 +61,7 @@ constexpr bool http_equal_no_case(std::string_view a, std::string_view b)
         return false;
     }
     for (size_t i = 0; i < a.size(); ++i) {
-        if (http_lower(a[i]) != http_lower(b[i])) {
+        if (a[i] != b[i] && http_lower(a[i]) != http_lower(b[i])) {
             return false;
         }
     }
@@ -70,13 +70,15 @@ constexpr bool http_equal_no_case(std::string_view a, std::string_view b)
 
 constexpr std::string_view http_trim(std::string_view text)
 {
-    while (!text.empty() && http_is_blank(text.front())) {
-        text.remove_prefix(1);
+    const char* begin = text.data();
+    const char* end = begin + text.size();
+    while (begin != end && http_is_blank(*begin)) {
+        ++begin;
     }
-    while (!text.empty() && http_is_blank(text.back())) {
-        text.remove_suffix(1);
+    while (begin != end && http_is_blank(end[-1])) {
+        --end;
     }
-    return text;
+    return {begin, static_cast<size_t>(end - begin)};
 }
 
 /// Control characters except the tab: those that end a line or must not stand in it.
@@ -86,31 +88,83 @@ constexpr bool http_is_control(char c)
     return (byte < 0x20 && byte != '\t') || byte == 0x7F;
 }
 
-/// The first control character in [begin, end), or end.
-inline const char* http_find_control(const char* begin, const char* end)
+#if defined(__SSE2__)
+/// One bit for each of sixteen bytes: set when the byte is above `low` and below 0x7F. One more and
+/// signed, 0x7F is the lowest number of all, so that a single comparison tells.
+inline unsigned http_between(__m128i bytes, char low)
+{
+    const __m128i more = _mm_add_epi8(bytes, _mm_set1_epi8(1));
+    const __m128i limit = _mm_set1_epi8(static_cast<char>(low + 1));
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpgt_epi8(more, limit)));
+}
+
+constexpr unsigned HTTP_ALL_SIXTEEN = 0xFFFF;
+
+inline __m128i http_load_sixteen(const char* text)
+{
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
+}
+#endif
+
+#if defined(__SSE2__)
+/// One bit for each of sixteen bytes: set where http_is_control() is true.
+inline unsigned http_controls(__m128i bytes)
+{
+    const unsigned plain = http_between(bytes, 0x1F);
+    if (plain == HTTP_ALL_SIXTEEN) {
+        return 0;
+    }
+    const int tabs = _mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('\t')));
+    const int above_ascii = _mm_movemask_epi8(bytes);
+    return HTTP_ALL_SIXTEEN & ~(plain | static_cast<unsigned>(tabs | above_ascii));
+}
+#endif
+
+/// The first control character in [from, end), or end. All of [begin, end) must be readable, and
+/// `from` lie in it: the bytes before `from` let the last ones be looked at together.
+inline const char* http_find_control(const char* begin, const char* from, const char* end)
 {
 #if defined(__SSE2__)
-    const __m128i one = _mm_set1_epi8(1);
-    const __m128i limit = _mm_set1_epi8(0x21);
-    while (end - begin >= 16) {
-        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(begin));
-        // One more and signed, 0x7F is the lowest number of all: one comparison finds the control
-        // characters, and with them tabs and bytes from 0x80 up, which are sorted out if any.
-        const int suspects = _mm_movemask_epi8(_mm_cmplt_epi8(_mm_add_epi8(bytes, one), limit));
-        if (suspects != 0) {
-            const int tabs = _mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('\t')));
-            const int found = suspects & ~(tabs | _mm_movemask_epi8(bytes));
-            if (found != 0) {
-                return begin + __builtin_ctz(static_cast<unsigned>(found));
-            }
+    ptrdiff_t left = end - from;
+    for (; left >= 16; left -= 16) {
+        const unsigned found = http_controls(http_load_sixteen(from));
+        if (found != 0) {
+            return from + __builtin_ctz(found);
         }
-        begin += 16;
+        from += 16;
+    }
+    if (left > 0 && end - begin >= 16) {
+        const unsigned found = http_controls(http_load_sixteen(end - 16)) >> (16 - left);
+        return found != 0 ? from + __builtin_ctz(found) : end;
+    }
+#else
+    static_cast<void>(begin);
+#endif
+    while (from != end && !http_is_control(*from)) {
+        ++from;
+    }
+    return from;
+}
+
+/// True when every character is visible ASCII, 0x21 to 0x7E.
+inline bool http_is_visible(std::string_view text)
+{
+    const char* at = text.data();
+    size_t left = text.size();
+#if defined(__SSE2__)
+    for (; left >= 16; left -= 16, at += 16) {
+        if (http_between(http_load_sixteen(at), 0x20) != HTTP_ALL_SIXTEEN) {
+            return false;
+        }
     }
 #endif
-    while (begin != end && !http_is_control(*begin)) {
-        ++begin;
+    for (; left != 0; --left, ++at) {
+        const unsigned char byte = static_cast<unsigned char>(*at);
+        if (byte <= 0x20 || byte >= 0x7F) {
+            return false;
+        }
     }
-    return begin;
+    return true;
 }
 
 /// The first `wanted` in [begin, end), or end. For names, which are too short for memchr to pay.
@@ -118,7 +172,7 @@ inline const char* http_find_near(const char* begin, const char* end, char wante
 {
 #if defined(__SSE2__)
     while (end - begin >= 16) {
-        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(begin));
+        const __m128i bytes = http_load_sixteen(begin);
         const int found = _mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(wanted)));
         if (found != 0) {
             return begin + __builtin_ctz(static_cast<unsigned>(found));

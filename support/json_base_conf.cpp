@@ -11,8 +11,8 @@ std::string printable(std::string_view text)
 {
     std::string result(text);
     std::replace_if(
-        result.begin(), result.end(),
-        [](char c) { return (c >= '\0' && c < ' ') || c == '\x7F'; }, '?');
+        result.begin(), result.end(), [](char c) { return (c >= '\0' && c < ' ') || c == '\x7F'; },
+        '?');
     return result;
 }
 
@@ -245,7 +245,8 @@ void JSON_Base_Conf::store(Member& member, std::string_view text)
     if (text.find('\0') == std::string_view::npos) {
         member.value_ = text;
     } else {
-        add_problem("NUL in member", member.name_); // would be cut wherever it is used as a C string
+        add_problem("NUL in member",
+                    member.name_); // would be cut wherever it is used as a C string
     }
 }
 
@@ -268,8 +269,8 @@ void JSON_Base_Conf::value_in_record(Value type, std::string_view text)
 void JSON_Base_Conf::finish_record()
 {
     for (const Member& member : members_) {
-        const bool optional = &member == &members_[PARAMS_MEMBER] ||
-                              (&member == &members_[URI_MEMBER] && named_);
+        const bool optional =
+            &member == &members_[PARAMS_MEMBER] || (&member == &members_[URI_MEMBER] && named_);
         if (!member.seen_ && !optional && !member.name_.empty()) {
             add_problem("missing member", member.name_);
         }

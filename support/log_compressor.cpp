@@ -83,8 +83,8 @@ int Log_Compressor::start_thread()
     pthread_sigmask(SIG_SETMASK, &all, &previous);
     running_ = true;
     process_ = getpid();
-    const int result =
-        ACE_Thread::spawn(&Log_Compressor::run, this, THR_NEW_LWP | THR_JOINABLE, nullptr, &thread_);
+    const int result = ACE_Thread::spawn(&Log_Compressor::run, this, THR_NEW_LWP | THR_JOINABLE,
+                                         nullptr, &thread_);
     const int error = errno;
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     running_ = has_thread_ = result == 0;
@@ -145,19 +145,22 @@ bool Log_Compressor::take(Job& job)
 
 void Log_Compressor::compress(const Job& job)
 {
-    const char* const plain = job.path_.c_str();
+    int result = -1;
     try {
         const std::string compressed = job.path_ + ".gz";
         const std::string temporary = compressed + ".tmp";
-        if (gzip_file(plain, temporary.c_str(), job.level_, cancelled_) == 0 &&
-            replace_plain_copy(job.path_, temporary, compressed) == 0) {
-            return;
+        result = gzip_file(job.path_.c_str(), temporary.c_str(), job.level_, cancelled_);
+        if (result == 0) {
+            result = replace_plain_copy(job.path_, temporary, compressed);
         }
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
     }
-    if (errno != ECANCELED && access(plain, F_OK) == 0) { // else it was pruned before its turn
-        HTTPD_ERROR("Failed to compress rotated log %s, errno=%d, %m", plain, errno);
+    const int error = errno;
+    // A copy that is no longer there was pruned before its turn.
+    if (result == -1 && error != ECANCELED && access(job.path_.c_str(), F_OK) == 0) {
+        errno = error;
+        HTTPD_ERROR("Failed to compress rotated log %s, errno=%d, %m", job.path_.c_str(), error);
     }
 }
 

@@ -59,7 +59,7 @@ private:
     std::mutex mutex_; ///< of everything below
     std::condition_variable idle_;
     std::deque<Job> jobs_;
-    bool running_ = false;  ///< the thread takes jobs
+    bool running_ = false;    ///< the thread takes jobs
     bool has_thread_ = false; ///< it was not joined yet
     ACE_hthread_t thread_{};
     pid_t process_ = 0; ///< that the thread belongs to: a forked child has none

@@ -178,8 +178,7 @@ int rotate_log(const char* path, unsigned int count, unsigned int max_file_numbe
         errno = ENOMEM;
         HTTPD_ERROR("Failed to look for old copies of log %s, errno=%d, %m", path, errno);
     }
-    complete_copy(std::move(copy), level, compression && max_file_number != 0,
-                  std::move(callback));
+    complete_copy(std::move(copy), level, compression && max_file_number != 0, std::move(callback));
     return 0;
 }
 

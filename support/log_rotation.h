@@ -13,9 +13,8 @@
  * @param suffix           of the copies written from now on; may be null.
  * @return 0 when there is no copy, and when the directory cannot be read, which is logged.
  */
-HTTPD_SUPPORT_EXPORT unsigned int find_current_log_count(const char* path,
-                                                         unsigned int max_file_number,
-                                                         const char* suffix);
+HTTPD_SUPPORT_EXPORT unsigned int
+find_current_log_count(const char* path, unsigned int max_file_number, const char* suffix);
 
 /**
  * Renames the log at `path` to `<path>.<count>` and removes the copies with the lowest numbers, so

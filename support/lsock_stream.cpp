@@ -1,9 +1,10 @@
 #include "support/lsock_stream.h"
 
+#include "support/accept_socket.h"
+
 #include <ace/UNIX_Addr.h>
 
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <cerrno>
 
@@ -18,13 +19,12 @@ int look_up(Name_Lookup lookup, int handle, ACE_Addr& address)
         errno = EINVAL;
         return -1;
     }
-    sockaddr_un name{};
+    sockaddr_storage name{};
     socklen_t length = sizeof name;
     if (lookup(handle, reinterpret_cast<sockaddr*>(&name), &length) == -1) {
         return -1;
     }
-    name.sun_family = AF_UNIX;
-    result->set(&name, sizeof name); // the whole: the path of an unnamed socket is then ""
+    set_unix_addr(*result, name);
     return 0;
 }
 

@@ -51,8 +51,8 @@ int Mem_Channel::open(int handle, const char* path)
 int Mem_Channel::receive_offset(ACE_OFF_T& offset)
 {
     while (partial_size_ < sizeof partial_) {
-        const ssize_t received = recv(handle_, partial_ + partial_size_,
-                                      sizeof partial_ - partial_size_, MSG_DONTWAIT);
+        const ssize_t received =
+            recv(handle_, partial_ + partial_size_, sizeof partial_ - partial_size_, MSG_DONTWAIT);
         if (received > 0) {
             partial_size_ += static_cast<size_t>(received);
         } else if (received == 0) {
@@ -76,8 +76,8 @@ int Mem_Channel::take_node(ACE_OFF_T offset)
         errno = EPROTO;
         return -1;
     }
-    auto* node = reinterpret_cast<ACE_MEM_SAP_Node*>(
-        static_cast<char*>(shm_malloc_->base_addr()) + start);
+    auto* node =
+        reinterpret_cast<ACE_MEM_SAP_Node*>(static_cast<char*>(shm_malloc_->base_addr()) + start);
     const size_t size = node->size();
     if (size > mapped - sizeof(ACE_MEM_SAP_Node) - start) {
         errno = EPROTO;

@@ -250,11 +250,10 @@ const char* mime_type(const char* extension)
         return UNKNOWN;
     }
     const std::string_view key(extension);
-    const Entry* const found =
-        std::lower_bound(std::begin(ENTRIES), std::end(ENTRIES), key,
-                         [](const Entry& entry, std::string_view text) {
-                             return is_before(entry.extension_, text);
-                         });
+    const Entry* const found = std::lower_bound(std::begin(ENTRIES), std::end(ENTRIES), key,
+                                                [](const Entry& entry, std::string_view text) {
+                                                    return is_before(entry.extension_, text);
+                                                });
     if (found == std::end(ENTRIES) || is_before(key, found->extension_)) {
         return UNKNOWN;
     }

@@ -26,7 +26,8 @@ public:
     Pipe_Stream() = default;
 
     /**
-     * @param in, out          the descriptors to read from and to write to; ACE_INVALID_HANDLE = none.
+     * @param in, out          the descriptors to read from and to write to; ACE_INVALID_HANDLE =
+     * none.
      * @param own_in, own_out  whether close() closes that descriptor. A descriptor that serves both
      *                         sides is closed once.
      */

@@ -29,8 +29,8 @@ bool is_hex_digit(char c)
 
 bool is_token_char(char c)
 {
-    return is_alnum(c) || (c != '\0' && std::string_view("!#$%&'*+-.^_`|~").find(c) !=
-                                            std::string_view::npos);
+    return is_alnum(c) ||
+           (c != '\0' && std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos);
 }
 
 bool is_printable(char c)
@@ -41,8 +41,9 @@ bool is_printable(char c)
 bool is_ip_address(const std::string& text)
 {
     in6_addr address; // room for either kind
-    return text.find('\0') == std::string::npos && (inet_pton(AF_INET, text.c_str(), &address) == 1 ||
-                                                    inet_pton(AF_INET6, text.c_str(), &address) == 1);
+    return text.find('\0') == std::string::npos &&
+           (inet_pton(AF_INET, text.c_str(), &address) == 1 ||
+            inet_pton(AF_INET6, text.c_str(), &address) == 1);
 }
 
 } // namespace

@@ -81,12 +81,17 @@ long bio_control(BIO* bio, int command, long, void* argument)
     }
 }
 
+int socket_method_type()
+{
+    static const int type = BIO_get_new_index() | BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR;
+    return type;
+}
+
 /// Made once and never freed: streams may still be closed while the process ends.
 BIO_METHOD* socket_method()
 {
     static BIO_METHOD* const method = [] {
-        const int type = BIO_get_new_index() | BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR;
-        BIO_METHOD* made = BIO_meth_new(type, "socket without SIGPIPE");
+        BIO_METHOD* made = BIO_meth_new(socket_method_type(), "socket without SIGPIPE");
         if (made != nullptr) {
             BIO_meth_set_create(made, bio_create);
             BIO_meth_set_write_ex(made, bio_write);
@@ -101,8 +106,8 @@ BIO_METHOD* socket_method()
 bool has_own_bio(const SSL* ssl, int handle)
 {
     BIO* const bio = SSL_get_rbio(ssl);
-    return bio != nullptr && BIO_method_type(bio) > BIO_TYPE_START &&
-           (BIO_method_type(bio) & BIO_TYPE_DESCRIPTOR) != 0 && handle_of(bio) == handle;
+    return bio != nullptr && BIO_method_type(bio) == socket_method_type() &&
+           handle_of(bio) == handle;
 }
 
 int replace_bio(SSL* ssl, int handle)

@@ -63,10 +63,9 @@ bool is_name(std::string_view text, std::string_view extra)
 
 bool is_scheme(std::string_view text)
 {
-    return !text.empty() && is_letter(text[0]) &&
-           std::all_of(text.begin(), text.end(), [](char c) {
-               return is_letter(c) || is_digit(c) || is_one_of(c, "+-.");
-           });
+    return !text.empty() && is_letter(text[0]) && std::all_of(text.begin(), text.end(), [](char c) {
+        return is_letter(c) || is_digit(c) || is_one_of(c, "+-.");
+    });
 }
 
 bool is_ipv6(std::string_view text)

@@ -22,8 +22,9 @@ public:
     /// false gives the bare literal ("::1"). Other hosts are the same either way.
     std::string host(bool bracketed) const;
 
-    /// Sets the host. `bracketed`: an IPv6 literal may stand in its brackets, as in a URI, which are
-    /// taken off; false: the text is the host as it is. It is not checked for forbidden characters.
+    /// Sets the host. `bracketed`: an IPv6 literal may stand in its brackets, as in a URI, which
+    /// are taken off; false: the text is the host as it is. It is not checked for forbidden
+    /// characters.
     void host(const std::string& host, bool bracketed);
 
     /// The port, or 0 when there is none.

@@ -50,7 +50,10 @@ public:
 
 private:
     State check_opcode_byte(unsigned char byte);
-    State begin_payload();
+    State check_length_byte(unsigned char byte);
+    State take_long_length(unsigned char byte);
+    State take_mask_key(unsigned char byte);
+    State take_payload(ACE_Message_Block* mb, size_t& len);
 
     State state_ = STATE_OPCODE;
     std::uint8_t opcode_ = 0;

@@ -1,9 +1,11 @@
 #include "support/yajl_handler.h"
 
 #include "support/scoped_deleter.h"
+#include "support/utf8_check.h"
 
 #include <cerrno>
 #include <charconv>
+#include <cstdint>
 #include <new>
 #include <system_error>
 #include <yajl/yajl_parse.h>
@@ -17,6 +19,13 @@ std::string_view one_line(std::string_view text)
 {
     const size_t last = text.find_last_not_of(".\n ");
     return last == std::string_view::npos ? std::string_view() : text.substr(0, last + 1);
+}
+
+/// The parser's own check sees the form of the bytes only.
+bool is_utf8(std::string_view text)
+{
+    std::uint8_t state = UTF8_Check::COMPLETE;
+    return UTF8_Check::feed(state, text.data(), text.size()) && state == UTF8_Check::COMPLETE;
 }
 
 } // namespace
@@ -46,9 +55,18 @@ struct YAJL_Callbacks {
         return true;
     }
 
-    static const char* chars(const unsigned char* text)
+    static std::string_view view(const unsigned char* text, size_t length)
     {
-        return reinterpret_cast<const char*>(text);
+        return {reinterpret_cast<const char*>(text), length};
+    }
+
+    static bool check_text(YAJL_Handler& handler, std::string_view text)
+    {
+        if (!is_utf8(text)) {
+            handler.error_ = "lexical error: invalid bytes in UTF8 string";
+            return false;
+        }
+        return true;
     }
 
     static int null(void* context)
@@ -71,14 +89,18 @@ struct YAJL_Callbacks {
     static int string(void* context, const unsigned char* text, size_t length)
     {
         return run(context, [=](YAJL_Handler& handler) {
-            return handler.handle_string_i(chars(text), length);
+            return check_text(handler, view(text, length))
+                       ? handler.handle_string_i(view(text, length).data(), length)
+                       : 0;
         });
     }
 
     static int map_key(void* context, const unsigned char* text, size_t length)
     {
         return run(context, [=](YAJL_Handler& handler) {
-            return handler.handle_map_key_i(chars(text), length);
+            return check_text(handler, view(text, length))
+                       ? handler.handle_map_key_i(view(text, length).data(), length)
+                       : 0;
         });
     }
 
@@ -116,9 +138,9 @@ struct YAJL_Callbacks {
 };
 
 // With a number callback the parser converts no number itself, and so refuses none for its size.
-const yajl_callbacks YAJL_Callbacks::TABLE = {null,      boolean, nullptr,     nullptr,
-                                              number,    string,  start_map,   map_key,
-                                              end_map,   start_array, end_array};
+const yajl_callbacks YAJL_Callbacks::TABLE = {null,    boolean,     nullptr,   nullptr,
+                                              number,  string,      start_map, map_key,
+                                              end_map, start_array, end_array};
 
 YAJL_Handler::YAJL_Handler() = default;
 
@@ -147,7 +169,8 @@ int YAJL_Handler::begin(const char* source)
     try {
         source_ = source;
         error_.clear();
-        parser_ = handle_begin_i() == 0 ? nullptr : yajl_alloc(&YAJL_Callbacks::TABLE, nullptr, this);
+        parser_ =
+            handle_begin_i() == 0 ? nullptr : yajl_alloc(&YAJL_Callbacks::TABLE, nullptr, this);
     } catch (const std::bad_alloc&) {
     }
     if (parser_ == nullptr || yajl_config(parser_, yajl_allow_comments, 1) == 0) {

@@ -79,7 +79,7 @@ private:
     unsigned long line_ = 1;
     unsigned long column_ = 0; ///< characters of this line so far
     unsigned int depth_ = 0;
-    size_t mark_seen_ = 0;      ///< bytes of the byte order mark that were skipped
-    bool at_start_ = true;      ///< a byte order mark may still come
+    size_t mark_seen_ = 0; ///< bytes of the byte order mark that were skipped
+    bool at_start_ = true; ///< a byte order mark may still come
     bool out_of_memory_ = false;
 };

@@ -140,9 +140,9 @@ int Htpasswd_Table::parse_line(std::string_view line, int number, const char* pa
 /// Orders by user; of several lines for one user the first stays.
 void Htpasswd_Table::order_entries(const char* path)
 {
-    std::stable_sort(
-        entries_.begin(), entries_.end(),
-        [](const Entry& left, const Entry& right) { return left.user_ < right.user_; });
+    std::stable_sort(entries_.begin(), entries_.end(), [](const Entry& left, const Entry& right) {
+        return left.user_ < right.user_;
+    });
     const auto same_user = [path](const Entry& first, const Entry& other) {
         if (first.user_ != other.user_) {
             return false;

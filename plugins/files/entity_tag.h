@@ -19,7 +19,7 @@ public:
     std::string_view view() const { return {text_, length_}; }
 
 private:
-    char text_[64];
+    char text_[80];
     size_t length_;
 };
 

@@ -7,9 +7,9 @@
 struct File_Options {
     static constexpr std::uint64_t DEFAULT_THREAD_SIZE = 256 * 1024;
 
-    std::string root_;                               ///< --root: required
-    std::string index_ = "index.html";               ///< --index: a name without slash
-    std::string cache_control_;                      ///< --cache-control: "" sends no such field
+    std::string root_;                                ///< --root: required
+    std::string index_ = "index.html";                ///< --index: a name without slash
+    std::string cache_control_;                       ///< --cache-control: "" sends no such field
     std::uint64_t thread_size_ = DEFAULT_THREAD_SIZE; ///< --thread-size: bytes; larger answers get
                                                       ///< a thread of their own
 

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 namespace {
 
@@ -111,8 +110,8 @@ void Files_Handler::prepare(const HTTP_Request& request, size_t offset) const
     status_ = file_.locate(context_.root_, context_.options_, request, offset);
     if (status_ == 200) {
         const struct stat& status = file_.status();
-        version_.emplace(File_Version{Entity_Tag(status, file_.compressed()),
-                                      status.st_mtim.tv_sec, file_.size()});
+        version_.emplace(File_Version{Entity_Tag(status, file_.compressed()), status.st_mtim.tv_sec,
+                                      file_.size()});
         answer_ = file_answer(request, *version_);
     }
 }
@@ -196,29 +195,44 @@ int Files_Handler::answer_file(HTTP_IO& io)
     return send_content(io);
 }
 
-/// Sends a directory's request to the same URI with a slash at its end.
+/// Sends the client to the canonical spelling of its URI, or to that of a directory: with a slash.
 int Files_Handler::redirect(HTTP_IO& io) const
 {
     const HTTP_Request& request = io.request();
-    std::string_view path(request.uri(true));
-    // Two slashes at its front would make the path's first name a host (RFC 3986, section 4.2).
-    while (path.size() > 1 && path[1] == '/') {
-        path.remove_prefix(1);
+    std::string_view prefix(request.uri(true));
+    Request_Path path;
+    if (!path.decode(prefix, offset_)) {
+        return send_empty(io, 404);
     }
-    const char* const query = request.query();
-    const size_t query_size = query != nullptr ? 1 + std::strlen(query) : 0;
-    const size_t size = path.size() + 1 + query_size;
-    char* const location = static_cast<char*>(io.response().arena().allocate(size));
+    prefix = prefix.substr(0, offset_);
+    // Two slashes at its front would make the path's first name a host (RFC 3986, section 4.2).
+    while (prefix.size() > 1 && prefix[1] == '/') {
+        prefix.remove_prefix(1);
+    }
+    const std::string_view name(path.c_str());
+    const std::string_view query(request.query() != nullptr ? request.query() : "");
+    constexpr size_t MARKS = 3; // two slashes and "?"
+    char* const location = static_cast<char*>(io.response().arena().allocate(
+        prefix.size() + name.size() * MAX_ENCODED_SIZE + query.size() + MARKS));
     if (location == nullptr) {
         return send_empty(io, 500);
     }
-    char* end = std::copy(path.begin(), path.end(), location);
-    *end++ = '/';
-    if (query != nullptr) {
-        *end++ = '?';
-        std::copy_n(query, query_size - 1, end);
+    char* end = std::copy(prefix.begin(), prefix.end(), location);
+    if (!name.empty() && (end == location || end[-1] != '/')) {
+        *end++ = '/';
     }
-    io.response().headers().put(HTTP_HEAD_LOCATION, std::string_view(location, size));
+    for (const char c : name) {
+        end = encode_path_byte(c, end);
+    }
+    if (path.is_canonical() || path.ends_with_slash()) {
+        *end++ = '/';
+    }
+    if (request.query() != nullptr) {
+        *end++ = '?';
+        end = std::copy(query.begin(), query.end(), end);
+    }
+    io.response().headers().put(HTTP_HEAD_LOCATION,
+                                std::string_view(location, static_cast<size_t>(end - location)));
     return send_empty(io, 301);
 }
 

@@ -16,10 +16,10 @@ int status_of_error(const HTTP_Request& request, int error)
     case ENOTDIR:
     case EACCES:
     case EPERM:
-    case ELOOP:        // a link where none is followed, or a circle of links
-    case EXDEV:        // leads out of the root
+    case ELOOP: // a link where none is followed, or a circle of links
+    case EXDEV: // leads out of the root
     case ENAMETOOLONG:
-    case ENXIO:        // a socket
+    case ENXIO: // a socket
     case ENODEV:
     case EISDIR:
         return 404;
@@ -49,8 +49,13 @@ int Located_File::locate(const Root_Directory& root, const File_Options& options
     compressed_ = false;
     has_compressed_ = false;
     Request_Path path;
-    if (!path.decode(request.uri(true), offset) ||
-        (path.ends_with_slash() && !path.enter(options.index_))) {
+    if (!path.decode(request.uri(true), offset)) {
+        return 404;
+    }
+    if (!path.is_canonical()) {
+        return 301;
+    }
+    if (path.ends_with_slash() && !path.enter(options.index_)) {
         return 404;
     }
     Unique_Fd file(root.open_file(path.c_str()));

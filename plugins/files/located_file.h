@@ -20,7 +20,9 @@ public:
      * Opens the file, the index file of a directory, or the compressed form of either when it lies
      * beside it (name and ".gz") and the client accepts it.
      * @param offset  where the request's path goes on below the plug-in's URI
-     * @return 200: open; 301: a directory whose trailing slash is missing; 404: no such file, or
+     * @return 200: open; 301: a directory whose trailing slash is missing, or another spelling than
+     *         the canonical one (whether the file is there or not, since that is not for everybody
+     *         to know); 404: no such file, or
      *         none that is served; 500 or 503: the system failed (logged). Nothing is open unless
      *         200.
      */

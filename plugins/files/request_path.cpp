@@ -25,6 +25,19 @@ bool is_name_byte(unsigned char byte)
     return byte >= 0x20 && byte != 0x7F && byte != '/' && byte != '\\';
 }
 
+/// pchar without "%", and the slash between names.
+bool is_path_character(char c)
+{
+    constexpr std::string_view MARKS = "-._~!$&'()*+,;=:@/";
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           MARKS.find(c) != std::string_view::npos;
+}
+
+bool is_lower_digit(char c)
+{
+    return c >= 'a' && c <= 'f';
+}
+
 bool is_served_name(std::string_view name)
 {
     return !name.empty() && (name[0] != '.' || name == ".well-known");
@@ -36,6 +49,7 @@ bool Request_Path::decode(std::string_view path, size_t offset)
 {
     length_ = 0;
     text_[0] = '\0';
+    canonical_ = true;
     if (path.empty() || path[0] != '/' || offset > path.size()) {
         return false;
     }
@@ -85,7 +99,11 @@ bool Request_Path::decode_names(std::string_view names)
                 return false;
             }
             c = static_cast<char>(high * 16 + low);
+            canonical_ = canonical_ && !is_path_character(c) && !is_lower_digit(names[i + 1]) &&
+                         !is_lower_digit(names[i + 2]);
             i += 2;
+        } else {
+            canonical_ = canonical_ && is_path_character(c);
         }
         if (!is_name_byte(static_cast<unsigned char>(c))) {
             return false;
@@ -117,4 +135,18 @@ const char* Request_Path::extension() const
     const char* const slash = std::strrchr(text_, '/');
     const char* const dot = std::strrchr(slash != nullptr ? slash : text_, '.');
     return dot != nullptr ? dot + 1 : "";
+}
+
+char* encode_path_byte(char byte, char* text)
+{
+    constexpr char DIGITS[] = "0123456789ABCDEF";
+    if (is_path_character(byte)) {
+        *text++ = byte;
+        return text;
+    }
+    const unsigned value = static_cast<unsigned char>(byte);
+    *text++ = '%';
+    *text++ = DIGITS[value >> 4];
+    *text++ = DIGITS[value & 0x0F];
+    return text;
 }

@@ -25,6 +25,13 @@ public:
     /// The request's path ended with a slash: it names a directory.
     bool ends_with_slash() const { return slash_; }
 
+    /**
+     * The request spells the name the one way that this server uses: characters that a path may
+     * hold (RFC 3986, 3.3) as they are, all others encoded with capital digits. A name must not
+     * have two spellings, since an authenticator is bound to a URI by its spelling.
+     */
+    bool is_canonical() const { return canonical_; }
+
     /// Goes down to `name` in the directory. @return false when that is too long.
     bool enter(std::string_view name);
 
@@ -40,4 +47,11 @@ private:
     char text_[PATH_MAX];
     size_t length_ = 0;
     bool slash_ = false;
+    bool canonical_ = true;
 };
+
+/// The most bytes that encode_path_byte() writes.
+constexpr size_t MAX_ENCODED_SIZE = 3;
+
+/// Writes one byte of a path in its canonical spelling. @return behind what was written
+char* encode_path_byte(char byte, char* text);

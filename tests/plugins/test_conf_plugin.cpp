@@ -1,5 +1,6 @@
 // A plug-in library whose factories do everything that a configuration record can meet. What
-// happens to them is appended to an environment variable, which outlives the library.
+// happens to them is appended to an environment variable, which outlives the library. No
+// std::to_string here: its table is a unique symbol, which would keep the library mapped.
 
 #include "httpd/http_authenticator.h"
 #include "httpd/http_handler.h"
@@ -7,6 +8,7 @@
 #include "httpd/websocket_handler.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <string>
@@ -31,7 +33,9 @@ public:
 
     int init(int argc, char** argv) override
     {
-        std::string event = "init " + std::to_string(argc);
+        char count[16];
+        std::snprintf(count, sizeof count, "init %d", argc);
+        std::string event = count;
         for (int i = 0; i < argc; ++i) {
             event += std::string(" <") + argv[i] + ">";
         }
@@ -92,6 +96,17 @@ TEST_FACTORY Object_Creator_T<HTTP_Handler>* _make_Conf_Test_Null(void (**gobble
     trace("make null");
     *gobbler = &gobble<HTTP_Handler>;
     errno = EXDEV;
+    return nullptr;
+}
+
+TEST_FACTORY Object_Creator_T<HTTP_Authenticator>*
+_make_Conf_Test_Null_Authenticator(void (**)(void*))
+{
+    return nullptr;
+}
+
+TEST_FACTORY Object_Creator_T<WebSocket_Handler>* _make_Conf_Test_Null_WebSocket(void (**)(void*))
+{
     return nullptr;
 }
 

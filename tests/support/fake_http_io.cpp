@@ -144,8 +144,8 @@ int Fake_HTTP_IO::send_header(const std::string& piece, bool last, bool head_dro
         return send_chunked_header(piece, last);
     }
     const bool head = request_.method() == HTTP_METHOD_HEAD;
-    const bool keep = request_.keep_alive() &&
-                      response_.headers().get(HTTP_HEAD_CONTENT_LENGTH) != nullptr;
+    const bool keep =
+        request_.keep_alive() && response_.headers().get(HTTP_HEAD_CONTENT_LENGTH) != nullptr;
     response_.keep_alive(keep);
     keep_header();
     if (!head || !head_drops_body) {

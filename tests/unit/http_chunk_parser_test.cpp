@@ -57,8 +57,7 @@ public:
 private:
     bool final() const
     {
-        return parser_.state() == HTTP_CHUNK_STATE_ERROR ||
-               parser_.state() == HTTP_CHUNK_STATE_END;
+        return parser_.state() == HTTP_CHUNK_STATE_ERROR || parser_.state() == HTTP_CHUNK_STATE_END;
     }
 
     HTTP_Chunk_Parser parser_;
@@ -125,9 +124,7 @@ const std::vector<Row>& rows()
         {"more data than declared", "4\r\nwikip\r\n", {"wiki", ERROR, "p\r\n"}},
         {"last chunk without its own CR LF", "0\r\n\rX", {"", ERROR, "X"}},
         {"size of 17 digits", "10000000000000000\r\n", {"", ERROR, "0\r\n"}},
-        {"size beyond 64 bits behind zeros",
-         "00ffffffffffffffffF\r\n",
-         {"", ERROR, "F\r\n"}},
+        {"size beyond 64 bits behind zeros", "00ffffffffffffffffF\r\n", {"", ERROR, "F\r\n"}},
         {"data cut", "4\r\nwi", {"wi", HTTP_CHUNK_STATE_DATA, ""}},
         {"size line cut", "4", {"", HTTP_CHUNK_STATE_SIZE, ""}},
         {"extension cut", "4;na", {"", HTTP_CHUNK_STATE_EXT, ""}},

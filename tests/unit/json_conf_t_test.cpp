@@ -236,8 +236,8 @@ TEST_F(JSON_Conf_T_Test, without_a_disposer_a_factory_that_fails_init_is_left_al
 
 TEST_F(JSON_Conf_T_Test, failures_carry_the_label_of_their_kind)
 {
-    load<HTTP_Authenticator_Conf_Traits>(record("/a", "_make_Conf_Test_Null"));
-    load<WebSocket_Conf_Traits>(record("/w", "_make_Conf_Test_Null"));
+    load<HTTP_Authenticator_Conf_Traits>(record("/a", "_make_Conf_Test_Null_Authenticator"));
+    load<WebSocket_Conf_Traits>(record("/w", "_make_Conf_Test_Null_WebSocket"));
     EXPECT_EQ(log_.count(LM_ERROR, "Failed to create HTTP authenticator handler for method '/a': "),
               1U);
     EXPECT_EQ(log_.count(LM_ERROR, "Failed to create WebSocket handler for method '/w': "), 1U);
@@ -262,9 +262,8 @@ TEST_F(JSON_Conf_T_Test, of_two_records_with_one_uri_the_first_stays)
 
 TEST_F(JSON_Conf_T_Test, a_failing_record_does_not_stop_the_file)
 {
-    EXPECT_EQ(load_http(record("/1", "_make_Conf_Test_Null") + "," +
-                        record("/2", "_make_Nothing") + "," +
-                        record("/3", "_make_Conf_Test", "", "/nonexistent/libnone.so") + "," +
+    EXPECT_EQ(load_http(record("/1", "_make_Conf_Test_Null") + "," + record("/2", "_make_Nothing") +
+                        "," + record("/3", "_make_Conf_Test", "", "/nonexistent/libnone.so") + "," +
                         record("/4", "_make_Conf_Test_Fail_Init") + "," +
                         record("/5", "_make_Conf_Test")),
               1U);
@@ -317,9 +316,8 @@ TEST_F(JSON_Conf_T_Test, long_params_are_passed_whole)
 
 TEST_F(JSON_Conf_T_Test, an_absent_params_member_is_an_empty_one)
 {
-    EXPECT_EQ(load_http(R"({"uri": "/a", "init": "_make_Conf_Test", "dll": ")" + plugin() +
-                        R"("})"),
-              1U);
+    EXPECT_EQ(
+        load_http(R"({"uri": "/a", "init": "_make_Conf_Test", "dll": ")" + plugin() + R"("})"), 1U);
     EXPECT_EQ(trace(), "make;init 0;");
 }
 

@@ -1,0 +1,197 @@
+#pragma once
+
+#include "support/addr_string.h"
+#include "support/log.h"
+#include "support/peer_acceptor_traits.h"
+
+#include <ace/Acceptor.h>
+#include <ace/Reactor.h>
+#include <ace/Svc_Handler.h>
+
+#include <cerrno>
+
+/**
+ * An ACE_Acceptor with a listen backlog, IPv6-only and socket-buffer settings for its listener, and
+ * a timed, logged accept.
+ *
+ * It runs in the thread of the reactor that it is opened with. An accept that fails for lack of
+ * descriptors or memory leaves its connection waiting, so that the listener would be ready again at
+ * once and for ever: it is taken from the reactor for PAUSE_MS, after its error line. Deleting the
+ * acceptor takes it from its reactor and closes the listener.
+ */
+template <typename SVC_HANDLER, typename PEER_ACCEPTOR>
+class ACE_Acceptor_Ex : public ACE_Acceptor<SVC_HANDLER, PEER_ACCEPTOR> {
+public:
+    using base_type = ACE_Acceptor<SVC_HANDLER, PEER_ACCEPTOR>;
+    using addr_type = typename base_type::addr_type;
+    using traits_type = ACE_Peer_Acceptor_Traits<typename SVC_HANDLER::stream_type>;
+
+    enum { PAUSE_MS = 100 };
+
+    /**
+     * @param timeout        seconds for one accept, its handshake included; negative: no limit.
+     * @param backlog        connections that may wait to be accepted.
+     * @param ipv6_only      listen on IPv6 only.
+     * @param recv_buf_size  bytes, 0 = the system's default; so is `send_buf_size`.
+     */
+    ACE_Acceptor_Ex(int timeout, int backlog, bool ipv6_only, int recv_buf_size, int send_buf_size)
+        : base_type(static_cast<ACE_Reactor*>(nullptr), 0), timeout_(timeout), backlog_(backlog),
+          ipv6_only_(ipv6_only), recv_buf_size_(recv_buf_size), send_buf_size_(send_buf_size)
+    {
+    }
+
+    ~ACE_Acceptor_Ex() override { this->close_listener(); }
+
+    ACE_Acceptor_Ex(const ACE_Acceptor_Ex&) = delete;
+    ACE_Acceptor_Ex& operator=(const ACE_Acceptor_Ex&) = delete;
+
+    /**
+     * Listens on `address` and registers with `reactor`.
+     *
+     * @param flags, use_select  as for ACE_Acceptor.
+     * @param reuse_addr         not 0: SO_REUSEADDR.
+     * @return 0, or -1 with errno (EINVAL without a reactor) and nothing open. Does not log.
+     */
+    int open(const addr_type& address, ACE_Reactor* reactor, int flags, int use_select,
+             int reuse_addr) override
+    {
+        this->flags_ = flags;
+        this->use_select_ = use_select;
+        this->reuse_addr_ = reuse_addr;
+        this->peer_acceptor_addr_ = address;
+        if (reactor == nullptr) {
+            errno = EINVAL;
+            return -1;
+        }
+        if (traits_type::open(this->peer_acceptor_, address, reuse_addr, backlog_,
+                              ipv6_only_ ? 1 : 0, recv_buf_size_, send_buf_size_) == -1) {
+            return -1;
+        }
+        traits_type::remember(this->peer_acceptor_, leftover_);
+        this->peer_acceptor_.enable(ACE_NONBLOCK);
+        const int result = reactor->register_handler(this, ACE_Event_Handler::ACCEPT_MASK);
+        if (result == -1) {
+            const int error = errno;
+            traits_type::forget(leftover_);
+            this->peer_acceptor_.close();
+            errno = error;
+            return -1;
+        }
+        this->reactor(reactor);
+        return result;
+    }
+
+    /// The pause is over: listens on. Called by the reactor.
+    int handle_timeout(const ACE_Time_Value&, const void*) override
+    {
+        pause_timer_id_ = -1;
+        if (this->reactor()->register_handler(this, ACE_Event_Handler::ACCEPT_MASK) == -1) {
+            this->schedule_resume(); // memory is still short
+        }
+        return 0;
+    }
+
+    /// Keeps a failing accept from being repeated at once. Called right after it, with its errno.
+    int handle_accept_error() override
+    {
+        switch (errno) {
+        case EMFILE:
+        case ENFILE:
+        case ENOBUFS:
+        case ENOMEM:
+            this->pause();
+            break;
+        default:
+            break;
+        }
+        return 0;
+    }
+
+protected:
+    int handle_close(ACE_HANDLE handle = ACE_INVALID_HANDLE,
+                     ACE_Reactor_Mask mask = ACE_Event_Handler::ALL_EVENTS_MASK) override
+    {
+        this->forget_listener();
+        return base_type::handle_close(handle, mask);
+    }
+
+    /// Accepts into the handler's stream; a failure is logged, and the handler is closed.
+    int accept_svc_handler(SVC_HANDLER* handler) override
+    {
+        ACE_Reactor* const reactor = this->reactor();
+        if (reactor == nullptr) {
+            errno = EINVAL;
+            return -1;
+        }
+        const bool reset_new_handle = reactor->uses_event_associations();
+        ACE_Time_Value limit(timeout_);
+        addr_type remote;
+        constexpr bool RESTART = true;
+        if (traits_type::accept(this->peer_acceptor_, handler->peer(), &remote,
+                                timeout_ < 0 ? nullptr : &limit, RESTART, reset_new_handle) != -1) {
+            return 0;
+        }
+        const int error = errno;
+        this->log_failed_accept(remote);
+        handler->close(CLOSE_DURING_NEW_CONNECTION);
+        errno = error;
+        return -1;
+    }
+
+    /// Takes the listener from its reactor for PAUSE_MS. Keeps errno.
+    void pause()
+    {
+        const int error = errno;
+        if (this->reactor() != nullptr && pause_timer_id_ == -1 && this->schedule_resume()) {
+            this->reactor()->remove_handler(this, ACE_Event_Handler::ACCEPT_MASK |
+                                                      ACE_Event_Handler::DONT_CALL);
+        }
+        errno = error;
+    }
+
+    int timeout_;
+    int backlog_;
+    bool ipv6_only_;
+    int recv_buf_size_;
+    int send_buf_size_;
+
+private:
+    bool schedule_resume()
+    {
+        const ACE_Time_Value delay(0, PAUSE_MS * 1000);
+        pause_timer_id_ = this->reactor()->schedule_timer(this, nullptr, delay);
+        return pause_timer_id_ != -1;
+    }
+
+    /// What has to happen before the base closes the listener.
+    void forget_listener()
+    {
+        if (this->reactor() == nullptr) {
+            return;
+        }
+        if (pause_timer_id_ != -1) {
+            constexpr int DONT_CALL_HANDLE_CLOSE = 1;
+            this->reactor()->cancel_timer(pause_timer_id_, nullptr, DONT_CALL_HANDLE_CLOSE);
+            pause_timer_id_ = -1;
+        }
+        traits_type::forget(leftover_);
+    }
+
+    void close_listener()
+    {
+        this->forget_listener();
+        base_type::handle_close();
+    }
+
+    void log_failed_accept(const addr_type& remote) const
+    {
+        // Not yet a connection: no text, rather than the one of an empty address.
+        const addr_type unknown;
+        const ACE_Addr_String text(remote, true);
+        const char* const peer = remote == unknown || text.c_str() == nullptr ? "" : text.c_str();
+        HTTPD_ERROR("Failed to accept connection from '%s'.", peer);
+    }
+
+    typename traits_type::Leftover leftover_; ///< what the open listener leaves behind
+    long pause_timer_id_ = -1;                ///< -1: not paused
+};

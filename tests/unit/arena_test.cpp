@@ -1,0 +1,123 @@
+#include "support/arena.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <vector>
+
+TEST(Arena, holds_nothing_before_its_first_use)
+{
+    Arena arena;
+    EXPECT_EQ(arena.capacity(), 0U);
+    arena.reset();
+    EXPECT_EQ(arena.capacity(), 0U);
+}
+
+TEST(Arena, aligns_what_allocate_returns)
+{
+    Arena arena;
+    for (size_t size = 0; size < 100; ++size) {
+        ASSERT_NE(arena.copy("x"), nullptr); // leaves the cursor at an odd place
+        void* const memory = arena.allocate(size);
+        ASSERT_NE(memory, nullptr);
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(memory) % alignof(std::max_align_t), 0U);
+        std::memset(memory, 0x5A, size);
+    }
+}
+
+TEST(Arena, copies_text_with_a_nul_behind_it)
+{
+    Arena arena;
+    const char* const copy = arena.copy(std::string_view("abcdef").substr(1, 3));
+    EXPECT_STREQ(copy, "bcd");
+    EXPECT_STREQ(arena.copy(std::string_view()), "");
+    EXPECT_EQ(std::memcmp(arena.copy(std::string_view("a\0b", 3)), "a\0b", 4), 0);
+}
+
+TEST(Arena, leaves_earlier_allocations_in_place_while_it_grows)
+{
+    Arena arena;
+    std::vector<const char*> copies;
+    for (int i = 0; i < 5000; ++i) {
+        copies.push_back(arena.copy("text " + std::to_string(i)));
+        ASSERT_NE(copies.back(), nullptr);
+    }
+    for (int i = 0; i < 5000; ++i) {
+        ASSERT_EQ(copies[static_cast<size_t>(i)], "text " + std::to_string(i));
+    }
+}
+
+TEST(Arena, takes_a_single_allocation_larger_than_any_block)
+{
+    Arena arena;
+    const std::string large(5 * Arena::MAX_KEPT, 'x');
+    const char* const before = arena.copy("before");
+    EXPECT_EQ(arena.copy(large), large);
+    EXPECT_STREQ(arena.copy("after"), "after");
+    EXPECT_STREQ(before, "before");
+}
+
+TEST(Arena, keeps_no_more_than_max_kept_at_a_reset)
+{
+    Arena arena;
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_NE(arena.allocate(1000), nullptr);
+    }
+    ASSERT_NE(arena.allocate(2 * Arena::MAX_KEPT), nullptr);
+    arena.reset();
+    EXPECT_LE(arena.capacity(), size_t{Arena::MAX_KEPT});
+    EXPECT_GT(arena.capacity(), 0U);
+
+    Arena one_large;
+    ASSERT_NE(one_large.allocate(2 * Arena::MAX_KEPT), nullptr);
+    one_large.reset();
+    EXPECT_EQ(one_large.capacity(), 0U);
+    EXPECT_STREQ(one_large.copy("usable"), "usable");
+}
+
+TEST(Arena, settles_on_one_block_when_messages_are_alike)
+{
+    for (const size_t piece : {10U, 700U, 3000U, 8000U}) {
+        SCOPED_TRACE(testing::Message() << "pieces of " << piece);
+        Arena arena;
+        const auto message = [&arena, piece] {
+            const char* first = nullptr;
+            for (size_t used = 0; used + piece < Arena::MAX_KEPT; used += piece) {
+                char* const text = arena.allocate_text(piece);
+                first = first == nullptr ? text : first;
+            }
+            return first;
+        };
+        for (int warm_up = 0; warm_up < 8; ++warm_up) {
+            message();
+            arena.reset();
+        }
+        const size_t capacity = arena.capacity();
+        const char* const first = message();
+        EXPECT_EQ(arena.capacity(), capacity) << "a warm arena took a block";
+        arena.reset();
+        EXPECT_EQ(message(), first) << "a warm arena moved";
+        EXPECT_EQ(arena.capacity(), capacity);
+    }
+}
+
+TEST(Arena, reports_enomem_for_sizes_that_cannot_be)
+{
+    Arena arena;
+    for (const bool used : {false, true}) {
+        if (used) {
+            ASSERT_NE(arena.copy("x"), nullptr);
+        }
+        errno = 0;
+        EXPECT_EQ(arena.allocate(std::numeric_limits<size_t>::max()), nullptr);
+        EXPECT_EQ(errno, ENOMEM);
+        errno = 0;
+        EXPECT_EQ(arena.allocate_text(std::numeric_limits<size_t>::max() - 7), nullptr);
+        EXPECT_EQ(errno, ENOMEM);
+    }
+    EXPECT_STREQ(arena.copy("still usable"), "still usable");
+}

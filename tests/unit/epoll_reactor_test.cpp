@@ -1,0 +1,1230 @@
+#include "support/epoll_reactor.h"
+
+#include "tests/support/reactor_probe.h"
+
+#include <ace/Handle_Set.h>
+#include <ace/Signal.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/epoll.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <set>
+#include <string>
+
+using testing::ElementsAre;
+
+namespace {
+
+constexpr ACE_Reactor_Mask READ = ACE_Event_Handler::READ_MASK;
+constexpr ACE_Reactor_Mask WRITE = ACE_Event_Handler::WRITE_MASK;
+constexpr ACE_Reactor_Mask EXCEPT = ACE_Event_Handler::EXCEPT_MASK;
+constexpr ACE_Reactor_Mask ALL = ACE_Event_Handler::ALL_EVENTS_MASK;
+constexpr ACE_Reactor_Mask DONT_CALL = ACE_Event_Handler::DONT_CALL;
+
+/// A reactor that the test runs itself.
+struct Loop {
+    Epoll_Reactor implementation;
+    ACE_Reactor reactor{&implementation};
+
+    /// One round without waiting: the number of upcalls.
+    int round()
+    {
+        ACE_Time_Value no_wait;
+        return reactor.handle_events(&no_wait);
+    }
+    int mask(ACE_Event_Handler* handler)
+    {
+        return reactor.mask_ops(handler, ACE_Event_Handler::NULL_MASK, ACE_Reactor::GET_MASK);
+    }
+    int mask(ACE_HANDLE handle)
+    {
+        return implementation.mask_ops(handle, ACE_Event_Handler::NULL_MASK, ACE_Reactor::GET_MASK);
+    }
+};
+
+using Probe = Pair_Probe;
+
+std::set<int> open_descriptors()
+{
+    std::set<int> open;
+    for (int fd = 0; fd < 4096; ++fd) {
+        if (::fcntl(fd, F_GETFD) != -1) {
+            open.insert(fd);
+        }
+    }
+    return open;
+}
+
+} // namespace
+
+// What mask_ops(GET_MASK) answers, by situation
+
+TEST(Epoll_Reactor, mask_of_a_registered_handler_is_what_it_asked_for)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    EXPECT_EQ(loop.mask(a.probe), static_cast<int>(READ));
+    EXPECT_EQ(loop.mask(a.pair.here), static_cast<int>(READ));
+}
+
+TEST(Epoll_Reactor, mask_is_0_inside_handle_close_after_handle_input_returned_minus_1)
+{
+    Loop loop;
+    Probe highest;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(highest.probe, READ), 0);
+    a.probe->on_input = [](ACE_HANDLE) { return -1; };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    ASSERT_EQ(a.record.closes.size(), 1U);
+    EXPECT_EQ(a.record.closes[0].handle, a.pair.here);
+    EXPECT_EQ(a.record.closes[0].mask, READ);
+    EXPECT_EQ(a.record.closes[0].left, 0);
+    EXPECT_EQ(loop.mask(a.probe), -1);
+}
+
+TEST(Epoll_Reactor, mask_of_what_was_never_registered_is_minus_1)
+{
+    Loop loop;
+    Probe a;
+    Probe b;
+    ASSERT_EQ(loop.reactor.register_handler(b.probe, READ), 0);
+    for (const ACE_HANDLE handle : {a.pair.here, b.pair.there, 1 << 20, ACE_INVALID_HANDLE}) {
+        errno = 0;
+        EXPECT_EQ(loop.mask(handle), -1) << handle;
+        EXPECT_EQ(errno, ENOENT) << handle;
+    }
+    errno = 0;
+    EXPECT_EQ(loop.mask(a.probe), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(Epoll_Reactor, mask_is_minus_1_after_a_silent_removal)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.remove_handler(a.probe, ALL | DONT_CALL), 0);
+    EXPECT_EQ(loop.mask(a.probe), -1);
+    EXPECT_TRUE(a.record.closes.empty());
+}
+
+TEST(Epoll_Reactor, mask_of_a_suspended_handler_stays)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.suspend_handler(a.probe), 0);
+    EXPECT_EQ(loop.mask(a.probe), static_cast<int>(READ));
+}
+
+TEST(Epoll_Reactor, mask_is_0_inside_handle_close_of_a_removed_suspended_handler)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.suspend_handler(a.probe), 0);
+    ASSERT_EQ(loop.reactor.remove_handler(a.probe, ALL), 0);
+    ASSERT_EQ(a.record.closes.size(), 1U);
+    EXPECT_EQ(a.record.closes[0].mask, 0x1ffU);
+    EXPECT_EQ(a.record.closes[0].left, 0);
+}
+
+TEST(Epoll_Reactor, mask_is_0_inside_handle_close_when_the_reactor_closes)
+{
+    Loop loop;
+    Probe a;
+    Probe b;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.register_handler(b.probe, READ | WRITE), 0);
+    ASSERT_EQ(loop.reactor.close(), 0);
+    for (const Probe* closed : {&a, &b}) {
+        ASSERT_EQ(closed->record.closes.size(), 1U);
+        EXPECT_EQ(closed->record.closes[0].mask, 0x1ffU);
+        EXPECT_EQ(closed->record.closes[0].left, 0);
+        EXPECT_EQ(closed->probe->references(), 1);
+    }
+}
+
+TEST(Epoll_Reactor, mask_of_a_stale_handler_is_minus_1_when_another_holds_its_handle)
+{
+    Loop loop;
+    Probe a;
+    Reactor_Record stale_record;
+    ACE_Event_Handler_var stale(new Reactor_Probe(a.pair.here, stale_record));
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    EXPECT_EQ(loop.mask(stale.handler()), -1);
+    EXPECT_EQ(loop.reactor.remove_handler(stale.handler(), ALL), -1);
+    EXPECT_EQ(loop.mask(a.probe), static_cast<int>(READ));
+    EXPECT_TRUE(stale_record.closes.empty());
+}
+
+TEST(Epoll_Reactor, removing_what_is_not_registered_fails_with_enoent)
+{
+    Loop loop;
+    Probe a;
+    Reactor_Record record;
+    ACE_Event_Handler_var without_handle(new Reactor_Probe(ACE_INVALID_HANDLE, record));
+    for (ACE_Event_Handler* const handler :
+         {static_cast<ACE_Event_Handler*>(a.probe), without_handle.handler()}) {
+        errno = 0;
+        EXPECT_EQ(loop.reactor.remove_handler(handler, ALL), -1);
+        EXPECT_EQ(errno, ENOENT);
+        errno = 0;
+        EXPECT_EQ(loop.reactor.suspend_handler(handler), -1);
+        EXPECT_EQ(errno, ENOENT);
+        errno = 0;
+        EXPECT_EQ(loop.reactor.resume_handler(handler), -1);
+        EXPECT_EQ(errno, ENOENT);
+    }
+    EXPECT_TRUE(a.record.closes.empty());
+}
+
+// References
+
+TEST(Epoll_Reactor, a_registration_holds_one_reference_however_often_it_is_widened)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    EXPECT_EQ(a.probe->references(), 2);
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, WRITE), 0);
+    EXPECT_EQ(a.probe->references(), 2);
+    EXPECT_EQ(loop.mask(a.probe), static_cast<int>(READ | WRITE));
+    ASSERT_EQ(loop.reactor.remove_handler(a.probe, WRITE), 0);
+    EXPECT_EQ(a.probe->references(), 2);
+    ASSERT_EQ(a.record.closes.size(), 1U);
+    EXPECT_EQ(a.record.closes[0].mask, WRITE);
+    EXPECT_EQ(a.record.closes[0].left, static_cast<int>(READ));
+    ASSERT_EQ(loop.reactor.remove_handler(a.probe, READ | DONT_CALL), 0);
+    EXPECT_EQ(a.probe->references(), 1);
+    EXPECT_EQ(a.record.closes.size(), 1U);
+}
+
+TEST(Epoll_Reactor, an_upcall_holds_a_reference)
+{
+    Loop loop;
+    Probe a;
+    ACE_Event_Handler::Reference_Count inside = 0;
+    a.probe->on_input = [&](ACE_HANDLE) {
+        inside = a.probe->references();
+        return a.pair.drain();
+    };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(inside, 3);
+    EXPECT_EQ(a.probe->references(), 2);
+}
+
+TEST(Epoll_Reactor, minus_1_from_an_upcall_frees_a_handler_that_only_the_reactor_holds)
+{
+    Loop loop;
+    Probe a;
+    a.probe->on_input = [](ACE_HANDLE) { return -1; };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    a.release();
+    EXPECT_TRUE(a.record.alive);
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_FALSE(a.record.alive);
+}
+
+TEST(Epoll_Reactor, the_last_reference_may_come_back_to_the_reactor_from_its_destructor)
+{
+    Loop loop;
+    Probe a;
+    int removed = 0;
+    a.probe->on_destruction = [&, probe = a.probe] {
+        removed = loop.reactor.remove_handler(probe, ALL | DONT_CALL);
+        loop.reactor.cancel_timer(probe);
+        loop.reactor.purge_pending_notifications(probe);
+    };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    a.release();
+    ASSERT_EQ(loop.reactor.remove_handler(a.pair.here, ALL | DONT_CALL), 0);
+    EXPECT_FALSE(a.record.alive);
+    EXPECT_EQ(removed, -1);
+}
+
+// Refusals
+
+TEST(Epoll_Reactor, refuses_a_handle_that_another_handler_holds)
+{
+    Loop loop;
+    Probe a;
+    Held_Probe held_other(a.pair.here);
+    Reactor_Record& other_record = held_other.record;
+    Reactor_Probe* const other = held_other.probe;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    errno = 0;
+    EXPECT_EQ(loop.reactor.register_handler(other, READ), -1);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(other->references(), 1);
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(a.record.inputs, 1);
+    EXPECT_EQ(other_record.inputs, 0);
+}
+
+TEST(Epoll_Reactor, refuses_a_regular_file_with_eperm)
+{
+    Loop loop;
+    char name[] = "/tmp/epoll_reactor_XXXXXX";
+    const int file = ::mkstemp(name);
+    ASSERT_NE(file, -1);
+    ::unlink(name);
+    Held_Probe held_probe(file);
+    Reactor_Probe* const probe = held_probe.probe;
+    errno = 0;
+    EXPECT_EQ(loop.reactor.register_handler(probe, READ), -1);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(probe->references(), 1);
+    EXPECT_EQ(loop.mask(probe), -1);
+    ::close(file);
+}
+
+TEST(Epoll_Reactor, refuses_what_it_cannot_register)
+{
+    Loop loop;
+    Probe a;
+    a.pair.close_there();
+    const ACE_HANDLE closed = ::dup(a.pair.here);
+    ::close(closed);
+    struct Row {
+        ACE_HANDLE handle;
+        ACE_Event_Handler* handler;
+        ACE_Reactor_Mask mask;
+        int error;
+    };
+    const Row rows[] = {
+        {ACE_INVALID_HANDLE, a.probe, READ, EINVAL},
+        {a.pair.here, nullptr, READ, EINVAL},
+        {a.pair.here, a.probe, ACE_Event_Handler::NULL_MASK, EINVAL},
+        {a.pair.here, a.probe, DONT_CALL, EINVAL},
+        {a.pair.here, a.probe, ACE_Event_Handler::TIMER_MASK, EINVAL},
+        {closed, a.probe, READ, EBADF},
+        {INT_MAX, a.probe, READ, EBADF},
+    };
+    for (const Row& row : rows) {
+        errno = 0;
+        EXPECT_EQ(loop.implementation.register_handler(row.handle, row.handler, row.mask), -1);
+        EXPECT_EQ(errno, row.error) << row.handle;
+    }
+    EXPECT_EQ(loop.implementation.register_handler(nullptr, READ), -1);
+    EXPECT_EQ(loop.implementation.remove_handler(static_cast<ACE_Event_Handler*>(nullptr), READ),
+              -1);
+    EXPECT_EQ(a.probe->references(), 1);
+}
+
+TEST(Epoll_Reactor, says_enotsup_to_what_an_epoll_reactor_has_not)
+{
+    Loop loop;
+    Probe a;
+    size_t size = 0;
+    Epoll_Reactor& reactor = loop.implementation;
+    errno = 0;
+    EXPECT_EQ(reactor.ready_ops(a.probe, READ, ACE_Reactor::GET_MASK), -1);
+    EXPECT_EQ(errno, ENOTSUP);
+    EXPECT_EQ(reactor.ready_ops(a.pair.here, READ, ACE_Reactor::GET_MASK), -1);
+    EXPECT_EQ(reactor.current_info(a.pair.here, size), -1);
+    EXPECT_EQ(reactor.register_handler(a.pair.here, a.pair.here, a.probe, READ), -1);
+    EXPECT_EQ(reactor.resumable_handler(), 0);
+    EXPECT_FALSE(reactor.uses_event_associations());
+    EXPECT_EQ(reactor.max_notify_iterations(), -1);
+}
+
+// Dispatch
+
+TEST(Epoll_Reactor, reports_input_until_it_has_been_read)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    EXPECT_EQ(loop.round(), 0);
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(loop.round(), 1);
+    a.pair.drain();
+    EXPECT_EQ(loop.round(), 0);
+    EXPECT_EQ(a.record.inputs, 2);
+    EXPECT_THAT(a.record.handles, ElementsAre(a.pair.here, a.pair.here));
+}
+
+TEST(Epoll_Reactor, one_round_serves_every_handler_that_is_ready)
+{
+    Loop loop;
+    std::vector<std::unique_ptr<Probe>> probes;
+    for (int i = 0; i < 300; ++i) {
+        probes.push_back(std::make_unique<Probe>());
+        ASSERT_EQ(loop.reactor.register_handler(probes.back()->probe, READ), 0);
+        probes.back()->pair.send();
+    }
+    EXPECT_EQ(loop.round(), 300);
+}
+
+TEST(Epoll_Reactor, serves_descriptors_above_1024)
+{
+    Loop loop;
+    Reactor_Pair pair;
+    for (const int least : {1024, 5000}) {
+        const int high = ::fcntl(pair.here, F_DUPFD_CLOEXEC, least);
+        ASSERT_GE(high, least);
+        Held_Probe held_probe(high);
+        Reactor_Record& record = held_probe.record;
+        Reactor_Probe* const probe = held_probe.probe;
+        ASSERT_EQ(loop.reactor.register_handler(probe, READ), 0);
+        pair.send();
+        EXPECT_EQ(loop.round(), 1);
+        EXPECT_THAT(record.handles, ElementsAre(high));
+        EXPECT_EQ(loop.reactor.remove_handler(probe, ALL | DONT_CALL), 0);
+        pair.drain();
+        ::close(high);
+    }
+    EXPECT_GE(loop.reactor.size(), 5000U);
+}
+
+TEST(Epoll_Reactor, a_hang_up_without_input_goes_to_handle_input)
+{
+    Loop loop;
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
+    Reactor_Record record;
+    Reactor_Probe* const probe = new Reactor_Probe(ends[0], record);
+    probe->on_input = [&](ACE_HANDLE handle) {
+        char byte = 0;
+        return ::read(handle, &byte, 1) == 0 ? -1 : 0;
+    };
+    ASSERT_EQ(loop.reactor.register_handler(probe, READ), 0);
+    probe->remove_reference();
+    ::close(ends[1]);
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(record.inputs, 1);
+    EXPECT_FALSE(record.alive);
+    ::close(ends[0]);
+}
+
+TEST(Epoll_Reactor, an_error_goes_to_handle_output_when_only_output_is_wanted)
+{
+    Loop loop;
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
+    const std::string bytes(4096, 'x');
+    while (::write(ends[1], bytes.data(), bytes.size()) > 0) {
+    }
+    Held_Probe held_probe(ends[1]);
+    Reactor_Record& record = held_probe.record;
+    Reactor_Probe* const probe = held_probe.probe;
+    ASSERT_EQ(loop.reactor.register_handler(probe, WRITE), 0);
+    EXPECT_EQ(loop.round(), 0);
+    ::close(ends[0]);
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(record.outputs, 1);
+    EXPECT_EQ(record.inputs, 0);
+    ASSERT_EQ(loop.reactor.remove_handler(probe, ALL), 0);
+    ::close(ends[1]);
+}
+
+TEST(Epoll_Reactor, a_hang_up_goes_to_handle_exception_when_nothing_else_is_wanted)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, EXCEPT), 0);
+    EXPECT_EQ(loop.round(), 0);
+    a.pair.close_there();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(a.record.exceptions, 1);
+}
+
+TEST(Epoll_Reactor, urgent_data_goes_to_handle_exception_and_a_connection_to_handle_input)
+{
+    Loop loop;
+    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(::listen(listener, 1), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+
+    Held_Probe held_acceptor(listener);
+    Reactor_Record& acceptor_record = held_acceptor.record;
+    Reactor_Probe* const acceptor = held_acceptor.probe;
+    int accepted = -1;
+    acceptor->on_input = [&](ACE_HANDLE handle) {
+        accepted = ::accept4(handle, nullptr, nullptr, SOCK_CLOEXEC);
+        return -1;
+    };
+    ASSERT_EQ(loop.reactor.register_handler(acceptor, ACE_Event_Handler::ACCEPT_MASK), 0);
+    const int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(::connect(client, reinterpret_cast<sockaddr*>(&address), length), 0);
+    EXPECT_EQ(loop.round(), 1);
+    ASSERT_NE(accepted, -1);
+    // The -1 has taken the ACCEPT_MASK, of which handle_close hears as READ_MASK.
+    ASSERT_EQ(acceptor_record.closes.size(), 1U);
+    EXPECT_EQ(acceptor_record.closes[0].mask, READ);
+    EXPECT_EQ(acceptor_record.closes[0].left, 0);
+
+    Held_Probe held_probe(accepted);
+    Reactor_Record& record = held_probe.record;
+    Reactor_Probe* const probe = held_probe.probe;
+    ASSERT_EQ(loop.reactor.register_handler(probe, READ | EXCEPT), 0);
+    ASSERT_EQ(::send(client, "!", 1, MSG_OOB), 1);
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(record.exceptions, 1);
+    EXPECT_EQ(record.inputs, 0);
+    ASSERT_EQ(loop.reactor.remove_handler(probe, ALL), 0);
+    ::close(client);
+    ::close(accepted);
+    ::close(listener);
+}
+
+TEST(Epoll_Reactor, connect_mask_means_output_and_input)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, ACE_Event_Handler::CONNECT_MASK), 0);
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(a.record.outputs, 1);
+    EXPECT_EQ(a.record.inputs, 0);
+    a.pair.fill();
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(a.record.inputs, 1);
+}
+
+TEST(Epoll_Reactor, calls_for_output_before_input)
+{
+    Loop loop;
+    Probe a;
+    std::string order;
+    a.probe->on_input = [&](ACE_HANDLE) {
+        order += 'i';
+        return 0;
+    };
+    a.probe->on_output = [&](ACE_HANDLE) {
+        order += 'o';
+        return 0;
+    };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ | WRITE), 0);
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 2);
+    EXPECT_EQ(order, "oi");
+}
+
+TEST(Epoll_Reactor, an_output_upcall_that_gives_up_input_gets_none)
+{
+    struct Row {
+        const char* name;
+        std::function<int(Loop&, Probe&)> act;
+        bool closed;
+    };
+    const Row rows[] = {
+        {"remove", [](Loop& loop, Probe& a) { return loop.reactor.remove_handler(a.probe, ALL); },
+         true},
+        {"suspend", [](Loop& loop, Probe& a) { return loop.reactor.suspend_handler(a.probe); },
+         false},
+        {"cancel",
+         [](Loop& loop, Probe& a) { return loop.reactor.cancel_wakeup(a.probe, READ) - 3; }, false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        Loop loop;
+        Probe a;
+        a.probe->on_output = [&](ACE_HANDLE) { return row.act(loop, a); };
+        ASSERT_EQ(loop.reactor.register_handler(a.probe, READ | WRITE), 0);
+        a.pair.send();
+        EXPECT_EQ(loop.round(), 1);
+        EXPECT_EQ(a.record.inputs, 0);
+        EXPECT_EQ(a.record.closes.size(), row.closed ? 1U : 0U);
+    }
+}
+
+TEST(Epoll_Reactor, minus_1_from_one_event_leaves_the_others_registered)
+{
+    Loop loop;
+    Probe a;
+    a.probe->on_output = [](ACE_HANDLE) { return -1; };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ | WRITE), 0);
+    EXPECT_EQ(loop.round(), 1);
+    ASSERT_EQ(a.record.closes.size(), 1U);
+    EXPECT_EQ(a.record.closes[0].mask, WRITE);
+    EXPECT_EQ(a.record.closes[0].left, static_cast<int>(READ));
+    EXPECT_EQ(loop.mask(a.probe), static_cast<int>(READ));
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(a.record.inputs, 1);
+}
+
+// Handlers that remove themselves or each other
+
+TEST(Epoll_Reactor, a_handler_that_removes_itself_is_closed_once_whatever_it_returns)
+{
+    for (const int result : {-1, 0, 1}) {
+        SCOPED_TRACE(result);
+        Loop loop;
+        Probe a;
+        a.probe->on_input = [&, probe = a.probe](ACE_HANDLE) {
+            EXPECT_EQ(loop.reactor.remove_handler(probe, ALL), 0);
+            EXPECT_TRUE(a.record.alive);
+            return result;
+        };
+        ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+        a.release();
+        a.pair.send();
+        EXPECT_EQ(loop.round(), 1);
+        EXPECT_EQ(a.record.closes.size(), 1U);
+        EXPECT_FALSE(a.record.alive);
+        EXPECT_EQ(loop.round(), 0);
+    }
+}
+
+TEST(Epoll_Reactor, a_handler_that_leaves_silently_is_not_closed_whatever_it_returns)
+{
+    for (const int result : {-1, 0, 1}) {
+        SCOPED_TRACE(result);
+        Loop loop;
+        Probe a;
+        // As when another thread has taken the handler over, and has finished with it already: the
+        // upcall's reference is the last one.
+        a.probe->on_input = [&](ACE_HANDLE) {
+            EXPECT_EQ(loop.reactor.remove_handler(a.probe, ALL | DONT_CALL), 0);
+            a.release();
+            EXPECT_TRUE(a.record.alive);
+            return result;
+        };
+        ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+        a.pair.send();
+        EXPECT_EQ(loop.round(), 1);
+        EXPECT_TRUE(a.record.closes.empty());
+        EXPECT_FALSE(a.record.alive);
+        EXPECT_EQ(loop.round(), 0);
+    }
+}
+
+TEST(Epoll_Reactor, the_result_of_an_upcall_does_not_concern_a_handler_that_took_the_handle_over)
+{
+    for (const int result : {-1, 1}) {
+        SCOPED_TRACE(result);
+        Loop loop;
+        Probe a;
+        Held_Probe held_other(a.pair.here);
+        Reactor_Record& other_record = held_other.record;
+        Reactor_Probe* const other = held_other.probe;
+        a.probe->on_input = [&](ACE_HANDLE) {
+            EXPECT_EQ(loop.reactor.remove_handler(a.probe, ALL | DONT_CALL), 0);
+            EXPECT_EQ(loop.reactor.register_handler(other, READ), 0);
+            a.pair.drain();
+            return result;
+        };
+        ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+        a.pair.send();
+        EXPECT_EQ(loop.round(), 1);
+        EXPECT_EQ(loop.round(), 0);
+        EXPECT_TRUE(other_record.closes.empty());
+        EXPECT_EQ(other_record.inputs, 0);
+        EXPECT_EQ(loop.mask(other), static_cast<int>(READ));
+    }
+}
+
+TEST(Epoll_Reactor, the_same_handler_registered_anew_in_its_upcall_is_another_registration)
+{
+    Loop loop;
+    Probe a;
+    a.probe->on_input = [&](ACE_HANDLE) {
+        EXPECT_EQ(loop.reactor.remove_handler(a.probe, ALL | DONT_CALL), 0);
+        EXPECT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+        return -1;
+    };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_TRUE(a.record.closes.empty());
+    EXPECT_EQ(loop.mask(a.probe), static_cast<int>(READ));
+    EXPECT_EQ(a.probe->references(), 2);
+}
+
+TEST(Epoll_Reactor, a_handler_removed_by_another_one_of_the_same_round_is_not_called)
+{
+    Loop loop;
+    Probe a;
+    Probe b;
+    a.probe->on_input = [&](ACE_HANDLE) { return loop.reactor.remove_handler(b.probe, ALL); };
+    b.probe->on_input = [&](ACE_HANDLE) { return loop.reactor.remove_handler(a.probe, ALL); };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.register_handler(b.probe, READ), 0);
+    a.pair.send();
+    b.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(a.record.inputs + b.record.inputs, 1);
+    EXPECT_EQ(a.record.closes.size() + b.record.closes.size(), 1U);
+}
+
+TEST(Epoll_Reactor, an_event_does_not_reach_the_next_owner_of_its_descriptor)
+{
+    Loop loop;
+    Probe a;
+    Probe b;
+    Reactor_Pair silent;
+    std::unique_ptr<Held_Probe> next;
+    // Whichever comes first gives the other one's descriptor number to a new handler.
+    const auto replace = [&](Probe& other) {
+        const int number = other.pair.here;
+        EXPECT_EQ(loop.reactor.remove_handler(other.probe, ALL), 0);
+        EXPECT_EQ(::dup2(silent.here, number), number);
+        next = std::make_unique<Held_Probe>(number);
+        EXPECT_EQ(loop.reactor.register_handler(next->probe, READ), 0);
+        return 0;
+    };
+    a.probe->on_input = [&](ACE_HANDLE) { return a.pair.drain() + replace(b); };
+    b.probe->on_input = [&](ACE_HANDLE) { return b.pair.drain() + replace(a); };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.register_handler(b.probe, READ), 0);
+    a.pair.send();
+    b.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(next->record.inputs, 0);
+    silent.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(next->record.inputs, 1);
+}
+
+TEST(Epoll_Reactor, handle_close_may_remove_its_handler_silently_but_not_close_it_again)
+{
+    Loop loop;
+    Probe a;
+    int again = 0;
+    int again_error = 0;
+    int silently = -1;
+    int after = 0;
+    a.probe->on_close = [&, probe = a.probe] {
+        again = loop.reactor.remove_handler(probe, ALL);
+        again_error = errno;
+        silently = loop.reactor.remove_handler(probe, ALL | DONT_CALL);
+        after = loop.mask(probe);
+    };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    a.release();
+    EXPECT_EQ(loop.reactor.remove_handler(a.pair.here, ALL), 0);
+    EXPECT_EQ(again, -1);
+    EXPECT_EQ(again_error, ENOENT);
+    EXPECT_EQ(silently, 0);
+    EXPECT_EQ(after, -1);
+    EXPECT_EQ(a.record.closes.size(), 1U);
+    EXPECT_FALSE(a.record.alive);
+}
+
+TEST(Epoll_Reactor, a_handle_can_be_registered_again_while_its_handler_is_in_handle_close)
+{
+    Loop loop;
+    Probe a;
+    Held_Probe held_next(a.pair.here);
+    Reactor_Record& next_record = held_next.record;
+    Reactor_Probe* const next = held_next.probe;
+    a.probe->on_close = [&] { EXPECT_EQ(loop.reactor.register_handler(next, READ), 0); };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    a.release();
+    EXPECT_EQ(loop.reactor.remove_handler(a.pair.here, ALL), 0);
+    EXPECT_FALSE(a.record.alive);
+    EXPECT_EQ(loop.mask(next), static_cast<int>(READ));
+    EXPECT_EQ(next->references(), 2);
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(next_record.inputs, 1);
+}
+
+TEST(Epoll_Reactor, a_removed_handler_is_out_of_the_epoll_set)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    a.pair.close_there();
+    ASSERT_EQ(loop.reactor.remove_handler(a.probe, ALL), 0);
+    EXPECT_EQ(loop.reactor.work_pending(), 0);
+}
+
+// Handlers that ask to be called again
+
+TEST(Epoll_Reactor, a_positive_result_calls_again_without_new_input)
+{
+    Loop loop;
+    Probe a;
+    int left = 3;
+    a.probe->on_input = [&](ACE_HANDLE) {
+        a.pair.drain();
+        return --left > 0 ? 1 : 0;
+    };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    a.pair.send();
+    for (int round = 1; round <= 3; ++round) {
+        // Without a limit: a round that waited for the descriptor would never end.
+        EXPECT_EQ(loop.reactor.handle_events(), 1);
+        EXPECT_EQ(a.record.inputs, round);
+    }
+    EXPECT_EQ(loop.round(), 0);
+    EXPECT_THAT(a.record.handles, ElementsAre(a.pair.here, a.pair.here, a.pair.here));
+    EXPECT_EQ(a.probe->references(), 2);
+}
+
+TEST(Epoll_Reactor, who_is_called_again_comes_after_the_others_of_the_round)
+{
+    Loop loop;
+    Probe a;
+    Probe b;
+    std::string order;
+    a.probe->on_input = [&](ACE_HANDLE) {
+        order += 'a';
+        a.pair.drain();
+        return order.size() < 6 ? 1 : 0;
+    };
+    b.probe->on_input = [&](ACE_HANDLE) {
+        order += 'b';
+        return 0;
+    };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.register_handler(b.probe, READ), 0);
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    b.pair.send();
+    EXPECT_EQ(loop.round(), 2);
+    EXPECT_EQ(loop.round(), 2);
+    EXPECT_EQ(loop.round(), 2);
+    EXPECT_EQ(order, "abababa");
+}
+
+TEST(Epoll_Reactor, who_is_called_again_is_called_once_a_round_although_its_descriptor_is_ready)
+{
+    Loop loop;
+    Probe a;
+    a.probe->on_input = [](ACE_HANDLE) { return 1; };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    a.pair.send();
+    for (int round = 0; round < 4; ++round) {
+        EXPECT_EQ(loop.round(), 1);
+    }
+    EXPECT_EQ(a.record.inputs, 4);
+}
+
+TEST(Epoll_Reactor, who_wants_to_be_called_again_is_not_when_it_has_left_or_is_suspended)
+{
+    struct Row {
+        const char* name;
+        std::function<void(Loop&, Probe&)> act;
+    };
+    const Row rows[] = {
+        {"removed", [](Loop& loop, Probe& a) { loop.reactor.remove_handler(a.probe, ALL); }},
+        {"silently removed",
+         [](Loop& loop, Probe& a) { loop.reactor.remove_handler(a.probe, ALL | DONT_CALL); }},
+        {"suspended", [](Loop& loop, Probe& a) { loop.reactor.suspend_handler(a.probe); }},
+        {"not for this event",
+         [](Loop& loop, Probe& a) {
+             loop.reactor.mask_ops(a.probe, EXCEPT, ACE_Reactor::SET_MASK);
+         }},
+        {"registered anew",
+         [](Loop& loop, Probe& a) {
+             loop.reactor.remove_handler(a.probe, ALL | DONT_CALL);
+             loop.reactor.register_handler(a.probe, READ);
+         }},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        Loop loop;
+        Probe a;
+        Probe b;
+        a.probe->on_input = [&](ACE_HANDLE) {
+            a.pair.drain();
+            return 1;
+        };
+        b.probe->on_input = [&](ACE_HANDLE) {
+            b.pair.drain();
+            row.act(loop, a);
+            return 0;
+        };
+        ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+        ASSERT_EQ(loop.reactor.register_handler(b.probe, READ), 0);
+        a.pair.send();
+        EXPECT_EQ(loop.round(), 1);
+        b.pair.send();
+        EXPECT_EQ(loop.round(), 1);
+        EXPECT_EQ(a.record.inputs, 1);
+        EXPECT_EQ(loop.round(), 0);
+    }
+}
+
+TEST(Epoll_Reactor, who_waits_to_be_called_again_does_not_hold_back_its_other_events)
+{
+    Loop loop;
+    Probe a;
+    a.probe->on_output = [&](ACE_HANDLE) { return a.record.outputs < 2 ? 1 : 0; };
+    a.probe->on_input = [&](ACE_HANDLE) { return a.pair.drain(); };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ | WRITE), 0);
+    EXPECT_EQ(loop.round(), 2);
+    a.pair.fill();
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(a.record.inputs, 1);
+    EXPECT_EQ(a.record.outputs, 2);
+}
+
+// Suspending
+
+TEST(Epoll_Reactor, a_suspended_handler_is_not_called_until_it_is_resumed)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.suspend_handler(a.probe), 0);
+    ASSERT_EQ(loop.reactor.suspend_handler(a.probe), 0);
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 0);
+    ASSERT_EQ(loop.reactor.resume_handler(a.probe), 0);
+    ASSERT_EQ(loop.reactor.resume_handler(a.probe), 0);
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(a.record.inputs, 1);
+}
+
+TEST(Epoll_Reactor, suspending_inside_an_upcall_holds)
+{
+    for (const int result : {0, 1}) {
+        SCOPED_TRACE(result);
+        Loop loop;
+        Probe a;
+        a.probe->on_input = [&](ACE_HANDLE) {
+            EXPECT_EQ(loop.reactor.suspend_handler(a.probe), 0);
+            return result;
+        };
+        ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+        a.pair.send();
+        EXPECT_EQ(loop.round(), 1);
+        EXPECT_EQ(loop.round(), 0);
+        EXPECT_EQ(loop.round(), 0);
+        ASSERT_EQ(loop.reactor.resume_handler(a.probe), 0);
+        EXPECT_EQ(loop.round(), 1);
+    }
+}
+
+TEST(Epoll_Reactor, a_hang_up_of_a_suspended_handler_or_one_without_events_wakes_nobody)
+{
+    Loop loop;
+    Probe suspended;
+    Probe masked;
+    ASSERT_EQ(loop.reactor.register_handler(suspended.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.register_handler(masked.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.suspend_handler(suspended.probe), 0);
+    ASSERT_EQ(loop.reactor.cancel_wakeup(masked.probe, READ), static_cast<int>(READ));
+    suspended.pair.close_there();
+    masked.pair.close_there();
+    EXPECT_EQ(loop.reactor.work_pending(), 0);
+    ASSERT_EQ(loop.reactor.resume_handler(suspended.probe), 0);
+    ASSERT_EQ(loop.reactor.schedule_wakeup(masked.probe, READ), 0);
+    EXPECT_EQ(loop.reactor.work_pending(), 1);
+    EXPECT_EQ(loop.round(), 2);
+}
+
+TEST(Epoll_Reactor, events_asked_for_while_suspended_count_when_resumed)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.suspend_handler(a.probe), 0);
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, WRITE), 0);
+    EXPECT_EQ(loop.round(), 0);
+    ASSERT_EQ(loop.reactor.resume_handler(a.probe), 0);
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(a.record.outputs, 1);
+}
+
+TEST(Epoll_Reactor, suspends_and_resumes_all_by_set_or_by_handle)
+{
+    Loop loop;
+    Probe a;
+    Probe b;
+    ACE_Handle_Set set;
+    set.set_bit(a.pair.here);
+    set.set_bit(b.pair.here);
+    struct Row {
+        const char* name;
+        std::function<int()> suspend;
+        std::function<int()> resume;
+    };
+    const Row rows[] = {
+        {"all", [&] { return loop.reactor.suspend_handlers(); },
+         [&] { return loop.reactor.resume_handlers(); }},
+        {"set", [&] { return loop.reactor.suspend_handler(set); },
+         [&] { return loop.reactor.resume_handler(set); }},
+        {"handle",
+         [&] {
+             return loop.reactor.suspend_handler(a.pair.here) +
+                    loop.reactor.suspend_handler(b.pair.here);
+         },
+         [&] {
+             return loop.reactor.resume_handler(a.pair.here) +
+                    loop.reactor.resume_handler(b.pair.here);
+         }},
+    };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.register_handler(b.probe, READ), 0);
+    a.pair.send();
+    b.pair.send();
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(row.suspend(), 0);
+        EXPECT_EQ(loop.round(), 0);
+        EXPECT_EQ(row.resume(), 0);
+        EXPECT_EQ(loop.round(), 2);
+    }
+}
+
+TEST(Epoll_Reactor, registers_and_removes_a_handler_for_a_set_of_handles)
+{
+    Loop loop;
+    Probe a;
+    Reactor_Pair second;
+    ACE_Handle_Set set;
+    set.set_bit(a.pair.here);
+    set.set_bit(second.here);
+    ASSERT_EQ(loop.reactor.register_handler(set, a.probe, READ), 0);
+    EXPECT_EQ(a.probe->references(), 3);
+    second.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_THAT(a.record.handles, ElementsAre(second.here));
+    ASSERT_EQ(loop.reactor.remove_handler(set, ALL | DONT_CALL), 0);
+    EXPECT_EQ(a.probe->references(), 1);
+    EXPECT_EQ(loop.reactor.remove_handler(set, ALL | DONT_CALL), -1);
+}
+
+// Masks and look-ups
+
+TEST(Epoll_Reactor, mask_operations_answer_the_mask_before_and_take_effect)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    struct Row {
+        int operation;
+        ACE_Reactor_Mask mask;
+        ACE_Reactor_Mask before;
+        ACE_Reactor_Mask after;
+        int upcalls;
+    };
+    const Row rows[] = {
+        {ACE_Reactor::ADD_MASK, WRITE, READ, READ | WRITE, 1},
+        {ACE_Reactor::CLR_MASK, READ, READ | WRITE, WRITE, 1},
+        {ACE_Reactor::SET_MASK, READ, WRITE, READ, 0},
+        {ACE_Reactor::CLR_MASK, READ | WRITE, READ, 0, 0},
+        {ACE_Reactor::ADD_MASK, WRITE, 0, WRITE, 1},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(loop.reactor.mask_ops(a.probe, row.mask, row.operation),
+                  static_cast<int>(row.before));
+        EXPECT_EQ(loop.mask(a.pair.here), static_cast<int>(row.after));
+        EXPECT_EQ(loop.round(), row.upcalls);
+        EXPECT_EQ(a.probe->references(), 2);
+    }
+    errno = 0;
+    EXPECT_EQ(loop.reactor.mask_ops(a.probe, READ, 99), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(Epoll_Reactor, masks_cannot_be_added_inside_handle_close)
+{
+    Loop loop;
+    Probe a;
+    int added = 0;
+    int cleared = -1;
+    a.probe->on_close = [&] {
+        added = loop.reactor.schedule_wakeup(a.probe, WRITE);
+        cleared = loop.reactor.cancel_wakeup(a.probe, WRITE);
+    };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.remove_handler(a.probe, ALL), 0);
+    EXPECT_EQ(added, -1);
+    EXPECT_EQ(cleared, 0);
+    EXPECT_EQ(loop.mask(a.probe), -1);
+}
+
+TEST(Epoll_Reactor, look_ups_give_a_reference)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    EXPECT_EQ(loop.reactor.find_handler(a.pair.here), a.probe);
+    EXPECT_EQ(a.probe->references(), 3);
+    a.probe->remove_reference();
+    ACE_Event_Handler* found = nullptr;
+    EXPECT_EQ(loop.reactor.handler(a.pair.here, READ, &found), 0);
+    EXPECT_EQ(found, a.probe);
+    EXPECT_EQ(a.probe->references(), 3);
+    a.probe->remove_reference();
+    EXPECT_EQ(loop.reactor.handler(a.pair.here, READ), 0);
+    EXPECT_EQ(loop.reactor.handler(a.pair.here, WRITE, &found), -1);
+    EXPECT_EQ(a.probe->references(), 2);
+    EXPECT_EQ(loop.reactor.find_handler(a.pair.there), nullptr);
+    EXPECT_EQ(loop.reactor.find_handler(ACE_INVALID_HANDLE), nullptr);
+}
+
+// The reactor's own life
+
+TEST(Epoll_Reactor, its_descriptors_are_closed_on_exec_and_on_close)
+{
+    const std::set<int> before = open_descriptors();
+    {
+        Epoll_Reactor reactor;
+        ASSERT_TRUE(reactor.initialized());
+        int own = 0;
+        for (const int fd : open_descriptors()) {
+            if (before.count(fd) == 0) {
+                ++own;
+                EXPECT_NE(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << fd;
+            }
+        }
+        EXPECT_EQ(own, 3);
+        EXPECT_EQ(reactor.close(), 0);
+        EXPECT_EQ(open_descriptors(), before);
+    }
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(Epoll_Reactor, close_frees_every_handler_and_is_harmless_again)
+{
+    Loop loop;
+    std::vector<std::unique_ptr<Probe>> probes;
+    for (int i = 0; i < 20; ++i) {
+        probes.push_back(std::make_unique<Probe>());
+        Probe& probe = *probes.back();
+        ASSERT_EQ(loop.reactor.register_handler(probe.probe, i % 2 == 0 ? READ : READ | WRITE), 0);
+        if (i % 3 == 0) {
+            ASSERT_EQ(loop.reactor.suspend_handler(probe.probe), 0);
+        }
+        if (i % 5 == 0) {
+            ASSERT_EQ(loop.reactor.cancel_wakeup(probe.probe, READ | WRITE) & 1, 1);
+        }
+        ASSERT_NE(loop.reactor.schedule_timer(probe.probe, nullptr, ACE_Time_Value(1000)), -1);
+        ASSERT_EQ(loop.reactor.notify(probe.probe, READ), 0);
+        probe.release();
+    }
+    EXPECT_EQ(loop.reactor.close(), 0);
+    for (const auto& probe : probes) {
+        EXPECT_FALSE(probe->record.alive);
+        EXPECT_EQ(probe->record.inputs, 0);
+        ASSERT_EQ(probe->record.closes.size(), 2U);
+        EXPECT_EQ(probe->record.closes[0].handle, probe->pair.here);
+        EXPECT_EQ(probe->record.closes[1].handle, ACE_INVALID_HANDLE);
+        EXPECT_EQ(probe->record.closes[1].mask, ACE_Reactor_Mask{ACE_Event_Handler::TIMER_MASK});
+    }
+    EXPECT_EQ(loop.reactor.close(), 0);
+}
+
+TEST(Epoll_Reactor, close_frees_who_waits_to_be_called_again)
+{
+    Loop loop;
+    Probe a;
+    a.probe->on_input = [](ACE_HANDLE) { return 1; };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    a.release();
+    EXPECT_EQ(loop.reactor.close(), 0);
+    EXPECT_FALSE(a.record.alive);
+    ASSERT_EQ(loop.implementation.open(0), 0);
+    EXPECT_EQ(loop.round(), 0);
+}
+
+TEST(Epoll_Reactor, nothing_can_be_begun_on_a_closed_reactor)
+{
+    Loop loop;
+    Probe a;
+    Probe b;
+    int inside = 0;
+    a.probe->on_close = [&] { inside = loop.reactor.register_handler(b.probe, READ); };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.close(), 0);
+    EXPECT_EQ(inside, -1);
+    EXPECT_FALSE(loop.implementation.initialized());
+    errno = 0;
+    EXPECT_EQ(loop.reactor.register_handler(b.probe, READ), -1);
+    EXPECT_EQ(errno, ESHUTDOWN);
+    errno = 0;
+    EXPECT_EQ(loop.reactor.schedule_timer(b.probe, nullptr, ACE_Time_Value(1)), -1);
+    EXPECT_EQ(errno, ESHUTDOWN);
+    errno = 0;
+    EXPECT_EQ(loop.reactor.notify(b.probe, READ), -1);
+    EXPECT_EQ(errno, ESHUTDOWN);
+    errno = 0;
+    EXPECT_EQ(loop.reactor.handle_events(), -1);
+    EXPECT_EQ(errno, ESHUTDOWN);
+    EXPECT_EQ(loop.reactor.work_pending(), -1);
+    EXPECT_EQ(loop.reactor.cancel_timer(b.probe), 0);
+    EXPECT_EQ(loop.reactor.cancel_timer(1L), 0);
+    EXPECT_EQ(loop.mask(b.probe), -1);
+    EXPECT_EQ(b.probe->references(), 1);
+}
+
+TEST(Epoll_Reactor, opens_again_after_close)
+{
+    Loop loop;
+    Probe a;
+    EXPECT_EQ(loop.implementation.open(100), -1);
+    EXPECT_EQ(errno, EBUSY);
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.close(), 0);
+    ASSERT_EQ(loop.implementation.open(100), 0);
+    EXPECT_FALSE(loop.reactor.restart());
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    a.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+}
+
+TEST(Epoll_Reactor, takes_no_notification_strategy_of_ace)
+{
+    Loop loop;
+    ASSERT_EQ(loop.reactor.close(), 0);
+    auto* const any = reinterpret_cast<ACE_Reactor_Notify*>(&loop);
+    errno = 0;
+    EXPECT_EQ(loop.implementation.open(0, true, nullptr, nullptr, 0, any), -1);
+    EXPECT_EQ(errno, ENOTSUP);
+}
+
+TEST(Epoll_Reactor, remembers_its_owner_and_its_restart_policy)
+{
+    Loop loop;
+    ACE_thread_t owner{};
+    ACE_thread_t old{};
+    EXPECT_EQ(loop.reactor.owner(&owner), 0);
+    EXPECT_EQ(owner, ::pthread_self());
+    EXPECT_EQ(loop.reactor.owner(ACE_thread_t{}, &old), 0);
+    EXPECT_EQ(old, ::pthread_self());
+    EXPECT_TRUE(loop.reactor.restart());
+    EXPECT_TRUE(loop.reactor.restart(false));
+    EXPECT_FALSE(loop.reactor.restart());
+    EXPECT_EQ(loop.reactor.lock().acquire(), 0);
+    EXPECT_EQ(loop.reactor.lock().release(), 0);
+}
+
+TEST(Epoll_Reactor, a_handler_may_run_events_itself)
+{
+    Loop loop;
+    Probe a;
+    Probe b;
+    a.probe->on_input = [&](ACE_HANDLE) {
+        a.pair.drain();
+        return loop.round() == -1 ? -1 : 0;
+    };
+    b.probe->on_input = [&](ACE_HANDLE) { return b.pair.drain(); };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.register_handler(b.probe, READ), 0);
+    a.pair.send();
+    b.pair.send();
+    EXPECT_GE(loop.round(), 1);
+    EXPECT_EQ(a.record.inputs, 1);
+    EXPECT_GE(b.record.inputs, 1);
+}
