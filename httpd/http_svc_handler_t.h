@@ -156,6 +156,7 @@ private:
     int choose_thread();
     int prepare_body();
     bool request_has_body() const;
+    bool has_unknown_framing() const;
     int send_continue();
     void log_access(int result);
 

@@ -315,7 +315,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_header_processing()
         return HANDLE_ERROR;
     }
     if (this->response_state() == HTTP_SOCK_STATE_CONTENT_SENT) {
-        if (!response_.keep_alive()) {
+        if (!response_.keep_alive() || this->has_unknown_framing()) {
             return HANDLE_ERROR;
         }
         request_state_ = HTTP_SOCK_STATE_CONNECTED;
@@ -359,6 +359,17 @@ bool HTTP_Svc_Handler_T<Stream, Sync>::request_has_body() const
     return header_received_ &&
            (request_.headers().get(HTTP_HEAD_TRANSFER_ENCODING, true) != nullptr ||
             request_.content_length() > 0);
+}
+
+/**
+ * A transfer coding other than exactly "chunked": where the body ends cannot be told, so nothing
+ * behind this request may be taken for the next one (RFC 9112, section 6.3).
+ */
+template <typename Stream, typename Sync>
+bool HTTP_Svc_Handler_T<Stream, Sync>::has_unknown_framing() const
+{
+    return !request_.chunked_transfer_encoding() &&
+           request_.headers().get(HTTP_HEAD_TRANSFER_ENCODING, true) != nullptr;
 }
 
 /// Tells a client that waits for it to send the body (RFC 9110, section 10.1.1).

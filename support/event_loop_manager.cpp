@@ -47,11 +47,13 @@ private:
 };
 
 /// One reactor and its thread. ACE spawns the thread, so that it inherits the starting thread's log
-/// settings; a thread manager of our own keeps it out of the host's waits for all threads.
+/// stream and priorities; a thread manager of our own keeps it out of the host's waits for all
+/// threads.
 class Event_Loop : public ACE_Task_Base {
 public:
     Event_Loop(ACE_Thread_Manager& threads, unsigned int number)
-        : ACE_Task_Base(&threads), reactor_(&implementation_), number_(number), done_(false)
+        : ACE_Task_Base(&threads), reactor_(&implementation_), number_(number),
+          log_callback_(nullptr), done_(false)
     {
     }
 
@@ -60,6 +62,7 @@ public:
         if (!implementation_.initialized()) {
             return false;
         }
+        log_callback_ = ACE_Log_Msg::instance()->msg_callback();
         const Signal_Blocker blocker;
         return this->activate(THR_NEW_LWP | THR_JOINABLE | THR_INHERIT_SCHED, 1) == 0;
     }
@@ -74,6 +77,7 @@ public:
 
     int svc() override
     {
+        ACE_Log_Msg::instance()->msg_callback(log_callback_); // ACE does not hand this one on
         char name[16]; // what the system keeps of a thread's name
         std::snprintf(name, sizeof name, "httpd-loop-%u", number_);
         ::pthread_setname_np(::pthread_self(), name);
@@ -100,6 +104,7 @@ private:
     Epoll_Reactor implementation_;
     ACE_Reactor reactor_;
     unsigned int number_;
+    ACE_Log_Msg_Callback* log_callback_;
     std::atomic<bool> done_;
 };
 

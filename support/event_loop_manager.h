@@ -13,7 +13,7 @@ HTTPD_SUPPORT_EXPORT const char* get_preferred_reactor_type();
  * A fixed number of event loops, each a reactor run by a thread of its own.
  *
  * `open` and `close` are called by the thread that configures the service, `reactor` by the thread
- * that accepts connections. The loop threads block every signal.
+ * that accepts connections. The loop threads block every signal but those of their own faults.
  */
 class HTTPD_SUPPORT_EXPORT Event_Loop_Manager {
 public:
@@ -23,7 +23,8 @@ public:
     Event_Loop_Manager& operator=(const Event_Loop_Manager&) = delete;
 
     /**
-     * Starts `count` loops.
+     * Starts `count` loops. Their threads log as the calling thread does; a log callback of that
+     * thread must live until close().
      * @return false with errno, and nothing left running: EINVAL for another type than the
      *         preferred one or a count of 0, EBUSY when it is open.
      */

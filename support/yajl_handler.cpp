@@ -14,6 +14,10 @@ namespace {
 
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 
+// With this reason alone the parser steps back from where it found the error, as far as the piece
+// reaches; the end of the value that lacks the comma is a better place, whatever the pieces.
+constexpr std::string_view NO_COMMA = "parse error: after key and value";
+
 /// The parser's text ends in a newline, sometimes in a full stop before it.
 std::string_view one_line(std::string_view text)
 {
@@ -36,6 +40,7 @@ struct YAJL_Callbacks {
     static int run(void* context, Call call)
     {
         YAJL_Handler& handler = *static_cast<YAJL_Handler*>(context);
+        handler.note_token();
         try {
             return call(handler);
         } catch (const std::bad_alloc&) {
@@ -206,11 +211,13 @@ int YAJL_Handler::parse_piece(std::string_view piece)
     if (piece.empty()) {
         return 0;
     }
+    piece_ = piece;
+    counted_ = 0;
     const auto* const text = reinterpret_cast<const unsigned char*>(piece.data());
     if (yajl_parse(parser_, text, piece.size()) != yajl_status_ok) {
-        return fail(piece);
+        return fail();
     }
-    advance(piece);
+    advance(piece.size());
     return 0;
 }
 
@@ -223,17 +230,18 @@ int YAJL_Handler::finish()
         errno = EINVAL;
         return -1;
     }
+    piece_ = {};
+    counted_ = 0;
     if (yajl_complete_parse(parser_) != yajl_status_ok) {
-        return fail({});
+        return fail();
     }
     drop_parser();
     return 0;
 }
 
-/// Keeps the reason and the place of a failure in `piece`; the parser is of no more use.
-int YAJL_Handler::fail(std::string_view piece)
+/// Keeps the reason and the place of a failure; the parser is of no more use.
+int YAJL_Handler::fail()
 {
-    advance(piece.substr(0, yajl_get_bytes_consumed(parser_)));
     const bool out_of_memory = out_of_memory_;
     try {
         if (error_.empty()) {
@@ -245,14 +253,30 @@ int YAJL_Handler::fail(std::string_view piece)
         }
     } catch (const std::bad_alloc&) {
     }
+    if (error_.starts_with(NO_COMMA)) {
+        line_ = token_line_;
+        column_ = token_column_;
+    } else {
+        advance(yajl_get_bytes_consumed(parser_));
+    }
     drop_parser();
     errno = out_of_memory ? ENOMEM : EINVAL;
     return -1;
 }
 
-void YAJL_Handler::advance(std::string_view text)
+/// Remembers where the token ends that the parser reports now.
+void YAJL_Handler::note_token()
 {
-    for (const char c : text) {
+    advance(yajl_get_bytes_consumed(parser_));
+    token_line_ = line_;
+    token_column_ = column_;
+}
+
+/// Counts lines and characters up to `offset` in the current piece.
+void YAJL_Handler::advance(size_t offset)
+{
+    for (; counted_ < offset && counted_ < piece_.size(); ++counted_) {
+        const char c = piece_[counted_];
         if (c == '\n') {
             ++line_;
             column_ = 0;

@@ -42,7 +42,8 @@ public:
     /// Why the parse ended: one line, without a full stop.
     const std::string& error() const { return error_; }
 
-    /// Where it ended, counted from 1, in characters: the last one that the parser took.
+    /// Where it ended, counted from 1, in characters: the last one that the parser took, or the
+    /// last one of the value behind which a comma is missing.
     unsigned long line() const { return line_; }
     unsigned long column() const { return column_ == 0 ? 1 : column_; }
 
@@ -69,15 +70,20 @@ private:
     friend struct YAJL_Callbacks;
 
     int parse_piece(std::string_view piece);
-    int fail(std::string_view piece);
-    void advance(std::string_view text);
+    int fail();
+    void note_token();
+    void advance(size_t offset);
     void drop_parser();
 
     yajl_handle_t* parser_ = nullptr;
     std::string source_;
     std::string error_;
     unsigned long line_ = 1;
-    unsigned long column_ = 0; ///< characters of this line so far
+    unsigned long column_ = 0;     ///< characters of this line so far
+    unsigned long token_line_ = 1; ///< where the last complete token ends
+    unsigned long token_column_ = 0;
+    std::string_view piece_; ///< that the parser works on
+    size_t counted_ = 0;     ///< bytes of it that line_ and column_ include
     unsigned int depth_ = 0;
     size_t mark_seen_ = 0; ///< bytes of the byte order mark that were skipped
     bool at_start_ = true; ///< a byte order mark may still come

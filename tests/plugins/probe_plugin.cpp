@@ -11,8 +11,12 @@
 #include <ace/INET_Addr.h>
 #include <ace/UNIX_Addr.h>
 
+#include <unistd.h>
+
+#include <condition_variable>
 #include <cstdlib>
 #include <map>
+#include <mutex>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -23,6 +27,30 @@ namespace {
 constexpr bool LAST = true;
 constexpr bool MORE = false;
 constexpr std::string_view HELLO = "Hello, World!";
+
+/// What a suspended answer waits for, until another request opens it for good.
+class Gate {
+public:
+    void open()
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        open_ = true;
+        opened_.notify_all();
+    }
+
+    void wait()
+    {
+        std::unique_lock<std::mutex> guard(mutex_);
+        opened_.wait(guard, [this] { return open_; });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable opened_;
+    bool open_ = false;
+};
+
+Gate gate;
 
 class Probe_Handler : public HTTP_Handler {
 public:
@@ -213,6 +241,30 @@ const std::map<std::string, Probe_Handler::Request_Mode>& Probe_Handler::request
                                 " timeout=" + std::to_string(io.socket_timeout(10, 30));
              return counted(io, text);
          }},
+        // What the plug-in sees of the request line and of the host.
+        {"describe",
+         [](Probe_Handler&, HTTP_IO& io) {
+             const HTTP_Request& request = io.request();
+             const char* const query = request.query();
+             const char* const host = request.headers().get(HTTP_HEAD_HOST, true);
+             return counted(io, std::string(request.method_text()) + " " + request.uri(true) + " " +
+                                    request.uri(false) + " " + (query != nullptr ? query : "-") +
+                                    " " + (host != nullptr ? host : "-"));
+         }},
+        // The thread that serves the connection.
+        {"tid",
+         [](Probe_Handler&, HTTP_IO& io) { return counted(io, std::to_string(::gettid())); }},
+        // The length of a body that HEAD does not get; sends nothing.
+        {"length-only",
+         [](Probe_Handler&, HTTP_IO& io) {
+             io.response().content_length(HELLO.size());
+             return 0;
+         }},
+        {"gate-open",
+         [](Probe_Handler&, HTTP_IO& io) {
+             gate.open();
+             return counted(io, HELLO);
+         }},
         {"bad-header",
          [](Probe_Handler&, HTTP_IO& io) {
              const int by_id = io.response().headers().put(HTTP_HEAD_LOCATION, "/a\r\nX: y", true);
@@ -250,6 +302,25 @@ const std::map<std::string, Probe_Handler::Body_Mode>& Probe_Handler::body_modes
              io.add_reference();
              // The thread has a copy of what it needs: the handler may be gone before it.
              std::thread([&io, body = self.body_] {
+                 counted(io, body);
+                 io.remove_reference();
+             }).detach();
+             return 0;
+         }},
+        // As "suspend", but the answer waits for "gate-open".
+        {"gate",
+         [](Probe_Handler& self, HTTP_IO& io, const void* data, size_t) {
+             if (!self.is_whole(io, data)) {
+                 return 0;
+             }
+             constexpr bool SUSPEND = true;
+             if (io.suspend_read(SUSPEND) == -1) {
+                 return -1;
+             }
+             io.add_reference();
+             std::thread([&io, body = self.body_] {
+                 gate.wait();
+                 HTTPD_INFO("probe: gate passed");
                  counted(io, body);
                  io.remove_reference();
              }).detach();

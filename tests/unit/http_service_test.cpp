@@ -239,13 +239,14 @@ TEST_F(HTTP_Service_Test, a_path_that_is_too_long_is_refused_and_not_cut)
               1);
 }
 
-TEST_F(HTTP_Service_Test, fails_when_the_loops_do_not_start)
+TEST_F(HTTP_Service_Test, fails_when_the_loops_do_not_start_and_can_be_tried_again)
 {
+    ASSERT_EQ(init({"-t", "2", "-p", path("socket")}), 0);
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
     const rlimit none{0, limit.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    const int result = init({"-t", "2", "-p", path("socket")});
+    const int result = init({});
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_EQ(result, -1);
     EXPECT_EQ(log_.count(LM_ERROR, "Failed to open event loops for HTTP: reactor type epoll, "
@@ -253,8 +254,7 @@ TEST_F(HTTP_Service_Test, fails_when_the_loops_do_not_start)
               1U);
     EXPECT_FALSE(is_listening(path("socket")));
 
-    // It can be tried again.
-    EXPECT_EQ(service_->init(0, nullptr), 0);
+    EXPECT_EQ(init({}), 0);
     EXPECT_TRUE(is_listening(path("socket")));
 }
 
