@@ -150,6 +150,9 @@ void HTTP_Service::clear()
         // What has moved to a thread of its own is not known to the loops.
         drained_ = Live_Connections::instance().drain(DRAIN_LIMIT);
         serving_ = false;
+        if (!drained_) {
+            loops_.abandon();
+        }
     }
 }
 

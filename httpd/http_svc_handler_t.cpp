@@ -17,7 +17,6 @@
 #include "support/http_header_value.h"
 #include "support/log.h"
 #include "support/mime_type.h"
-#include "support/monotonic_time.h"
 #include "support/scoped_deleter.h"
 #include "support/signals_blocked.h"
 #include "support/socket_helpers.h"
@@ -27,6 +26,7 @@
 #include <ace/ACE.h>
 #include <ace/FILE.h>
 #include <ace/Message_Block.h>
+#include <ace/Monotonic_Time_Policy.h>
 #include <ace/OS_NS_strings.h>
 #include <ace/OS_NS_sys_time.h>
 #include <ace/Timer_Queue.h>

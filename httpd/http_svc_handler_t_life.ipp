@@ -100,6 +100,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::close(u_long flags)
 template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::handle_input(ACE_HANDLE)
 {
+    if (concurrent_state_ != STATE_REACTIVE) {
+        return 0; // a notification that comes late: suspended again, in a worker thread, or closed
+    }
     Upcall upcall;
     upcall_ = &upcall;
     // Input that the engine has not looked at yet comes first; what lies in the socket meanwhile
@@ -143,12 +146,16 @@ bool HTTP_Svc_Handler_T<Stream, Sync>::has_unserved_bytes() const
 {
     return mb_ != nullptr && mb_->length() > 0 &&
            (request_state_ == HTTP_SOCK_STATE_CONNECTED ||
-            request_state_ == HTTP_SOCK_STATE_CONTENT_RECEIVED);
+            request_state_ == HTTP_SOCK_STATE_CONTENT_RECEIVED ||
+            request_state_ == HTTP_SOCK_STATE_WEBSOCKET_HANDSHAKED);
 }
 
 template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::handle_timeout(const ACE_Time_Value& now, const void* act)
 {
+    if (act == HTTP_Options::instance()->ping_timeout()) {
+        ping_timer_id_ = -1; // it fires once; its id may be another timer's by now
+    }
     Upcall upcall;
     upcall_ = &upcall;
     const int result = this->handle_timeout_i(now, act);

@@ -79,7 +79,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_receive_failure(const ACE_Time_Valu
     if (errno == ETIME && timeout != nullptr) {
         ACE_Reactor* const reactor = this->reactor();
         return this->handle_timeout_i(
-            reactor != nullptr ? reactor->timer_queue()->gettimeofday() : monotonic_time(), timeout);
+            reactor != nullptr ? reactor->timer_queue()->gettimeofday() : ACE_Monotonic_Time_Policy()(), timeout);
     }
     HTTPD_ERROR("Failed to receive data from %s client %s, errno=%d, %m", this->protocol(),
                 addr_string_type(remote_addr_, WITH_PORT).c_str(), errno);

@@ -1,7 +1,10 @@
 // WebSocket side (RFC 6455): opening handshake, frames, ping and pong, closing handshake.
 // Included by http_svc_handler_t.cpp alone.
 
-/// Turns an upgrade request into a WebSocket connection. @return 0; -1 closes the connection.
+/**
+ * Turns an upgrade request into a WebSocket connection.
+ * @return HANDLE_CONTINUE, HANDLE_DATA when frames came along with the request, or HANDLE_ERROR.
+ */
 template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::handle_websocket_handshaking()
 {
@@ -123,17 +126,23 @@ int HTTP_Svc_Handler_T<Stream, Sync>::choose_websocket_thread(
     switch (concurrency) {
     case WebSocket_Handler::INHERITED:
         // Only a connection that is watched at all is pinged.
-        return interval_timer_id_ != -1
-                   ? this->schedule_timer_i(HTTP_Options::instance()->ping_interval(), "ping",
-                                            "handshaked")
-                   : 0;
+        if (interval_timer_id_ != -1 &&
+            this->schedule_timer_i(HTTP_Options::instance()->ping_interval(), "ping",
+                                   "handshaked") == -1) {
+            return HANDLE_ERROR;
+        }
+        break;
     case WebSocket_Handler::THREAD:
-        return concurrent_state_ != STATE_THREADING ? this->spawn() : 0;
+        if (concurrent_state_ != STATE_THREADING) {
+            return this->spawn(); // the thread begins with the buffered frames
+        }
+        break;
     default:
         HTTPD_ERROR("WebSocket handler concurrency %d is not supported.",
                     static_cast<int>(concurrency));
-        return -1;
+        return HANDLE_ERROR;
     }
+    return mb_->length() > 0 ? HANDLE_DATA : HANDLE_CONTINUE;
 }
 
 // ---------------------------------------------------------------- receiving
@@ -141,6 +150,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::choose_websocket_thread(
 template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::handle_websocket_receiving()
 {
+    if (this->closing_) {
+        return HANDLE_ERROR; // the plug-in has shut it down: handle_close is all that follows
+    }
     if (mb_->length() == 0) {
         return HANDLE_CONTINUE;
     }
@@ -158,6 +170,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_websocket_receiving()
     case WebSocket_Data_Frame_Parser::STATE_MASK:
     case WebSocket_Data_Frame_Parser::STATE_MASK_KEY:
         break; // the header is not complete
+    }
+    if (request_state_ != HTTP_SOCK_STATE_WEBSOCKET_HANDSHAKED) {
+        return HANDLE_ERROR; // it ended, perhaps inside a send_ping() of the plug-in
     }
     return result == HANDLE_CONTINUE && mb_->length() > 0 ? HANDLE_DATA : result;
 }
@@ -380,6 +395,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::send_ping(bool wait)
         return 0;
     }
     if (this->response_state() != HTTP_SOCK_STATE_WEBSOCKET_FRAMING ||
+        request_state_ != HTTP_SOCK_STATE_WEBSOCKET_HANDSHAKED || // the peer's close has been read
         this->handle_data_reading(HTTP_Options::instance()->ping_timeout()) < 0 ||
         this->handle_input_i() < 0) {
         return -1;

@@ -25,7 +25,7 @@ struct Listener_Name<MEM_Stream> {
 };
 
 /// The plain word, and no word of its own: kept, and pinned by
-/// HTTP_Acceptor.unix_domain_listener_is_called_HTTP.
+/// Listener_Name.a_unix_domain_listener_is_called_HTTP.
 template <>
 struct Listener_Name<LSOCK_Stream> {
     static constexpr const char* PROTOCOL = "HTTP";

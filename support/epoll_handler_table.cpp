@@ -12,7 +12,7 @@
 
 namespace {
 
-using Guard = ACE_Guard<ACE_Thread_Mutex>;
+using Guard = ACE_Guard<Epoll_Handler_Table::Lock>;
 
 // What ACE lets a caller ask for under several names is one readiness of the descriptor.
 constexpr ACE_Reactor_Mask INPUT_EVENTS =

@@ -1,13 +1,15 @@
 #pragma once
 
+#include "support/std_lock_t.h"
+
 #include <ace/Event_Handler.h>
 #include <ace/Lock_Adapter_T.h>
-#include <ace/Thread_Mutex.h>
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 /**
@@ -24,6 +26,8 @@
  */
 class Epoll_Handler_Table {
 public:
+    using Lock = Std_Lock_T<std::mutex>;
+
     /// A handler that was taken for an upcall; `handler` carries a reference for the caller.
     struct Upcall {
         ACE_Event_Handler* handler;
@@ -135,8 +139,8 @@ private:
     int arm(ACE_HANDLE handle, uint32_t generation, uint32_t events);
     int synchronise(ACE_HANDLE handle, Slot& slot);
 
-    mutable ACE_Thread_Mutex mutex_;
-    ACE_Lock_Adapter<ACE_Thread_Mutex> lock_adapter_;
+    mutable Lock mutex_;
+    ACE_Lock_Adapter<Lock> lock_adapter_;
     ACE_HANDLE epoll_;
     bool refusing_;
     std::vector<Chunk> chunks_;

@@ -11,7 +11,7 @@
 
 namespace {
 
-using Guard = ACE_Guard<ACE_Recursive_Thread_Mutex>;
+using Guard = ACE_Guard<Epoll_Timer_Lock>;
 
 // Enough for a loop with few connections; the heap doubles from here on.
 constexpr size_t FIRST_TIMERS = 64;

@@ -1,10 +1,15 @@
 #pragma once
 
+#include "support/std_lock_t.h"
+
 #include <ace/Event_Handler.h>
 #include <ace/Monotonic_Time_Policy.h>
-#include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Timer_Heap_T.h>
 #include <ace/Timer_Queue.h>
+
+#include <mutex>
+
+using Epoll_Timer_Lock = Std_Lock_T<std::recursive_mutex>;
 
 /**
  * What the heap does about its handlers: it takes the reference that each pending timer holds.
@@ -55,9 +60,8 @@ private:
  * Other than ACE's queues, it calls no handler and drops no reference under its lock, and a timer
  * that expires holds its handler from within the lock on, so that any thread may cancel it.
  */
-class Epoll_Timer_Queue
-    : public ACE_Timer_Heap_T<ACE_Event_Handler*, Epoll_Timer_Upcall, ACE_Recursive_Thread_Mutex,
-                              ACE_Monotonic_Time_Policy> {
+class Epoll_Timer_Queue : public ACE_Timer_Heap_T<ACE_Event_Handler*, Epoll_Timer_Upcall,
+                                                  Epoll_Timer_Lock, ACE_Monotonic_Time_Policy> {
 public:
     Epoll_Timer_Queue();
     ~Epoll_Timer_Queue() override;
@@ -65,8 +69,8 @@ public:
     /// Readable when a timer may be due; ACE_INVALID_HANDLE when it could not be created.
     ACE_HANDLE handle() const { return handle_; }
 
-    using Heap = ACE_Timer_Heap_T<ACE_Event_Handler*, Epoll_Timer_Upcall,
-                                  ACE_Recursive_Thread_Mutex, ACE_Monotonic_Time_Policy>;
+    using Heap = ACE_Timer_Heap_T<ACE_Event_Handler*, Epoll_Timer_Upcall, Epoll_Timer_Lock,
+                                  ACE_Monotonic_Time_Policy>;
     using Heap::expire;
 
     /// -1 with ESHUTDOWN after close().

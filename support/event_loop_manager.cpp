@@ -117,7 +117,12 @@ const char* get_preferred_reactor_type()
 
 class Event_Loop_Manager::Impl {
 public:
-    ~Impl() { this->close(); }
+    ~Impl()
+    {
+        if (open_) {
+            this->close();
+        }
+    }
 
     bool open(unsigned int count)
     {
@@ -138,9 +143,14 @@ public:
         return &loops_[turn % loops_.size()]->loop_reactor();
     }
 
+    bool is_open() const { return open_; }
+
     // In three steps, since a handler of one loop may reach for another one's in its handle_close.
+    // The closed reactors stay: a handler that someone still refers to may ask its own for
+    // something, and is refused.
     void close()
     {
+        open_ = false;
         for (const auto& loop : loops_) {
             loop->stop();
         }
@@ -150,13 +160,13 @@ public:
         for (const auto& loop : loops_) {
             loop->loop_reactor().close();
         }
-        loops_.clear();
     }
 
 private:
     ACE_Thread_Manager threads_;
     std::vector<std::unique_ptr<Event_Loop>> loops_;
     std::atomic<size_t> turn_{0};
+    bool open_ = true;
 };
 
 Event_Loop_Manager::Event_Loop_Manager() = default;
@@ -172,7 +182,7 @@ bool Event_Loop_Manager::open(const char* reactor_type, unsigned int count)
         errno = EINVAL;
         return false;
     }
-    if (impl_ != nullptr) {
+    if (impl_ != nullptr && impl_->is_open()) {
         errno = EBUSY;
         return false;
     }
@@ -194,10 +204,18 @@ bool Event_Loop_Manager::open(const char* reactor_type, unsigned int count)
 
 ACE_Reactor* Event_Loop_Manager::reactor()
 {
-    return impl_ != nullptr ? impl_->next() : nullptr;
+    return impl_ != nullptr && impl_->is_open() ? impl_->next() : nullptr;
 }
 
 void Event_Loop_Manager::close()
 {
-    impl_.reset();
+    if (impl_ != nullptr && impl_->is_open()) {
+        impl_->close();
+    }
+}
+
+void Event_Loop_Manager::abandon()
+{
+    this->close();
+    static_cast<void>(impl_.release());
 }

@@ -35,9 +35,13 @@ public:
 
     /**
      * Stops and joins the loops, then closes every handler that is still registered through its
-     * handle_close. Returns when no loop thread runs; harmless when not open.
+     * handle_close. Returns when no loop thread runs; harmless when not open. The reactors refuse
+     * everything from then on, and are freed by the next open() or the destructor.
      */
     void close();
+
+    /// close() without ever freeing the reactors: someone who cannot be waited for may hold one.
+    void abandon();
 
 private:
     class Impl;

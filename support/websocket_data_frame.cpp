@@ -58,9 +58,8 @@ void WebSocket_Data_Frame::init(bool fin, unsigned char opcode, unsigned long pa
 
 int WebSocket_Data_Frame::to_iovec(iovec* out, int room, const void* data, size_t length)
 {
-    const size_t piece = data != nullptr ? length : 0;
-    const int needed = (header_length_ > 0 ? 1 : 0) + (piece > 0 ? 1 : 0);
-    if (needed > room || piece > remain_) {
+    const int needed = (header_length_ > 0 ? 1 : 0) + (length > 0 ? 1 : 0);
+    if (needed > room || length > remain_ || (data == nullptr && length > 0)) {
         errno = EINVAL;
         return -1;
     }
@@ -69,9 +68,9 @@ int WebSocket_Data_Frame::to_iovec(iovec* out, int room, const void* data, size_
         out[filled++] = {header_, header_length_};
         header_length_ = 0;
     }
-    if (piece > 0) {
-        out[filled++] = {const_cast<void*>(data), piece};
-        remain_ -= piece;
+    if (length > 0) {
+        out[filled++] = {const_cast<void*>(data), length};
+        remain_ -= length;
     }
     return filled;
 }

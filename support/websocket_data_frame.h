@@ -14,8 +14,8 @@
  */
 class HTTPD_SUPPORT_EXPORT WebSocket_Data_Frame {
 public:
-    /// Close codes (RFC 6455, section 7.4.1, and its registry).
-    enum Close_Status {
+    /// Close codes (RFC 6455, section 7.4.1, and its registry). A peer may send any other number.
+    enum Close_Status : int {
         CLOSE_NORMAL = 1000,
         CLOSE_GOING_AWAY = 1001,
         CLOSE_PROTOCOL_ERROR = 1002,
@@ -40,16 +40,17 @@ public:
      * @param opcode          1 and 2 go out as 0 (continuation) while the last data frame was not
      *                        final
      * @param payload_length  bytes that to_iovec() will be given in all
-     * @param mask            true writes a masking key of zero; a server passes false (RFC
-     * 6455, 5.1)
+     * @param mask            true writes a masking key of zero; a server passes false (RFC 6455,
+     *                        section 5.1)
      */
     void init(bool fin, unsigned char opcode, unsigned long payload_length, bool mask);
 
     /**
      * Fills at most `room` entries: the header, once per frame, and the piece of payload. An empty
      * piece gives no entry.
-     * @return the number of entries filled (they live until the next init), or -1 when there is no
-     *         room or more payload than the frame declared.
+     * @return the number of entries filled (the header's lives until the next init), or -1
+     *         (EINVAL, nothing handed out) when there is no room, when it is more payload than the
+     *         frame declared, or when `data` is null and `length` is not 0.
      */
     int to_iovec(iovec* out, int room, const void* data, size_t length);
 

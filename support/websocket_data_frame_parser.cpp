@@ -133,6 +133,7 @@ WebSocket_Data_Frame_Parser::State WebSocket_Data_Frame_Parser::take_payload(ACE
     if (opcode_ <= BINARY && message_open_) {
         if (!binary_ && (!UTF8_Check::feed(utf8_state_, mb->rd_ptr(), len) ||
                          (this->last() && utf8_state_ != UTF8_Check::COMPLETE))) {
+            len = 0;
             state_ = STATE_ERROR;
             return state_;
         }

@@ -9,7 +9,7 @@
 int websocket_key_accept(const char* key, char* out)
 {
     static constexpr char PROTOCOL_GUID[] = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
-    if (key == nullptr) {
+    if (key == nullptr || out == nullptr) {
         errno = EINVAL;
         return -1;
     }

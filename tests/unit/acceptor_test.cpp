@@ -1,5 +1,6 @@
 #include "httpd/http_acceptor.h"
 
+#include "httpd/make_acceptor.h"
 #include "support/epoll_reactor.h"
 #include "support/peer_stream_io.h"
 #include "support/sock_acceptor_ex.h"
@@ -537,4 +538,12 @@ TEST_F(HTTP_Acceptor_Test, opens_shared_memory_listeners)
         return log.count(LM_ERROR, "Failed to accept connection from '127.0.0.1:") == 1;
     }));
     EXPECT_EQ(record.alive, 0);
+}
+
+TEST(Listener_Name, a_unix_domain_listener_is_called_HTTP)
+{
+    EXPECT_STREQ(Listener_Name<ACE_SOCK_Stream>::PROTOCOL, "HTTP");
+    EXPECT_STREQ(Listener_Name<ACE_SSL_SOCK_Stream>::PROTOCOL, "HTTPS");
+    EXPECT_STREQ(Listener_Name<MEM_Stream>::PROTOCOL, "HTTPM");
+    EXPECT_STREQ(Listener_Name<LSOCK_Stream>::PROTOCOL, "HTTP");
 }

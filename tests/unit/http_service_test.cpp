@@ -138,8 +138,6 @@ protected:
     char directory_[32] = "/tmp/http_service_XXXXXX";
 };
 
-using HTTP_Service_Death_Test = HTTP_Service_Test;
-
 } // namespace
 
 TEST_F(HTTP_Service_Test, starts_its_loops_without_any_listener)
@@ -392,7 +390,7 @@ TEST_F(HTTP_Service_Test, the_factory_tells_how_to_delete_what_it_made)
     EXPECT_FALSE(is_listening(path("socket")));
 }
 
-TEST_F(HTTP_Service_Death_Test, the_gobbler_does_not_take_null)
+TEST(HTTP_Service_Death_Test, the_gobbler_does_not_take_null)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(_gobble_HTTP_Service(nullptr), "_p != 0");

@@ -107,11 +107,11 @@ TEST(Request_Parsing, drops_each_malformed_header_without_an_answer)
         ASSERT_NE(nullptr, client);
         ASSERT_TRUE(client->send(malformed.request));
         EXPECT_TRUE(client->is_closed_by_peer());
-        EXPECT_TRUE(has_line(server.host(), "ERROR",
-                             "Failed to parse HTTP header by " + peer_text(*client) +
-                                 ", parser state=-1"));
+        EXPECT_TRUE(
+            has_line(server.host(), "ERROR",
+                     "Failed to parse HTTP header by " + peer_text(*client) + ", parser state=-1"));
     }
-    EXPECT_EQ(0U, server.host().count_log("probe: handle_request"));
+    EXPECT_EQ(0U, count_log(server, "probe: handle_request"));
     EXPECT_EQ(0, server.host().stop(SIGTERM));
 }
 
@@ -123,9 +123,9 @@ TEST(Request_Parsing, drops_a_malformed_header_behind_a_request_that_was_served)
     client->send(get_request("/probe/hello") + "GET /probe/hello HTTP/1.1\nHost: test\n\n");
     EXPECT_EQ("Hello, World!", client->read_response().body);
     EXPECT_TRUE(client->is_closed_by_peer());
-    EXPECT_TRUE(has_line(server.host(), "ERROR",
-                         "Failed to parse HTTP header by " + peer_text(*client) +
-                             ", parser state=-1"));
+    EXPECT_TRUE(
+        has_line(server.host(), "ERROR",
+                 "Failed to parse HTTP header by " + peer_text(*client) + ", parser state=-1"));
 }
 
 TEST(Request_Parsing, accepts_what_robust_servers_accept)
@@ -159,7 +159,8 @@ TEST(Request_Parsing, accepts_what_robust_servers_accept)
          "GET /probe/a%2Fb%20/describe /probe/a%2Fb%20/describe - test"},
         {"absolute form", "GET http://other:8080/probe/describe?q HTTP/1.1\r\nHost: test\r\n\r\n",
          "GET /probe/describe http://other:8080/probe/describe?q q other:8080"},
-        {"a method that is not in the table", "PATCH /probe/describe HTTP/1.1\r\nHost: test\r\n\r\n",
+        {"a method that is not in the table",
+         "PATCH /probe/describe HTTP/1.1\r\nHost: test\r\n\r\n",
          "PATCH /probe/describe /probe/describe - test"},
         {"methods are case-sensitive", "get /probe/describe HTTP/1.1\r\nHost: test\r\n\r\n",
          "get /probe/describe /probe/describe - test"},
@@ -177,7 +178,7 @@ TEST(Request_Parsing, accepts_what_robust_servers_accept)
         EXPECT_EQ("HTTP/1.1 200 OK", response.status_line);
         EXPECT_EQ(accepted.body, response.body);
     }
-    EXPECT_EQ(0U, server.host().count_log(" ERROR "));
+    EXPECT_EQ(0U, count_log(server, " ERROR "));
 }
 
 TEST(Request_Parsing, takes_the_digits_that_a_length_begins_with)
@@ -212,8 +213,8 @@ TEST(Request_Parsing, gives_a_plug_in_the_offset_behind_the_uri_that_it_is_bound
     const auto client = server.connect();
     ASSERT_NE(nullptr, client);
     EXPECT_EQ(200, client->exchange(get_request("/probe/a/hello?q")).status);
-    EXPECT_TRUE(has_line(server.host(), "INFO",
-                         "probe: handle_request GET /probe/a/hello off=6 params="));
+    EXPECT_TRUE(
+        has_line(server.host(), "INFO", "probe: handle_request GET /probe/a/hello off=6 params="));
 }
 
 TEST(Request_Parsing, does_not_take_the_beginning_of_a_segment_for_the_segment)
@@ -223,4 +224,92 @@ TEST(Request_Parsing, does_not_take_the_beginning_of_a_segment_for_the_segment)
     ASSERT_NE(nullptr, client);
     EXPECT_EQ(404, client->exchange(get_request("/probes/hello")).status);
     EXPECT_TRUE(has_line(server.host(), "DEBUG", "Not found HTTP uri '/probes/hello'."));
+}
+
+// ---------------------------------------------------------------- the client behind a proxy
+
+namespace {
+
+std::string original_address(Wire_Client& client, const std::vector<std::string>& fields)
+{
+    const std::string body = client.exchange(get_request("/probe/addresses", fields)).body;
+    const size_t begin = body.find("original=") + 9;
+    return body.substr(begin, body.find(' ', begin) - begin);
+}
+
+std::string host_part(const std::string& address)
+{
+    return address.substr(0, address.rfind(':'));
+}
+
+} // namespace
+
+TEST(Request_Origin, takes_the_first_address_that_the_trusted_proxy_names)
+{
+    struct Row {
+        const char* forwarded;
+        const char* original; ///< null: the peer itself
+    };
+    const Row rows[] = {
+        {"203.0.113.7", "203.0.113.7"},
+        {"203.0.113.7, 10.0.0.1, 10.0.0.2", "203.0.113.7"},
+        {"203.0.113.7 \t,10.0.0.1", "203.0.113.7"},
+        {"2001:db8::1", "2001:db8::1"},
+        {"2001:db8::1, 203.0.113.7", "2001:db8::1"},
+        {"", nullptr},
+        {",203.0.113.7", nullptr},
+        {"unknown", nullptr},
+        {"unknown, 203.0.113.7", nullptr},
+        {"203.0.113", nullptr},
+        {"203.0.113.256", nullptr},
+        {"203.0.113.7:80", nullptr},
+        {"[2001:db8::1]", nullptr},
+        {"2001:db8::1%lo", nullptr},
+        {"client.example", nullptr},
+        {"for=203.0.113.7", nullptr},
+    };
+    Probe_Server::Setup setup;
+    setup.host = {"--proxy-from", "127.0.0.1"};
+    Probe_Server server(setup);
+    const auto client = server.connect();
+    ASSERT_NE(nullptr, client);
+    const std::string peer = host_part(peer_text(*client));
+    ASSERT_EQ("127.0.0.1", peer);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.forwarded);
+        EXPECT_EQ(row.original != nullptr ? row.original : peer,
+                  original_address(*client, {std::string("X-Forwarded-For: ") + row.forwarded}));
+    }
+    EXPECT_EQ("203.0.113.7", original_address(*client, {"X-Forwarded-For: 203.0.113.7",
+                                                        "X-Forwarded-For: 10.0.0.1"}));
+    // What one request said does not last for the next.
+    EXPECT_EQ(peer, original_address(*client, {}));
+}
+
+TEST(Request_Origin, leaves_the_peer_address_as_it_is)
+{
+    Probe_Server::Setup setup;
+    setup.host = {"--proxy-from", "127.0.0.1"};
+    Probe_Server server(setup);
+    const auto client = server.connect();
+    ASSERT_NE(nullptr, client);
+    const Wire_Response response =
+        client->exchange(get_request("/probe/addresses", {"X-Forwarded-For: 203.0.113.7"}));
+    EXPECT_EQ("remote=127.0.0.1 original=203.0.113.7 ssl=0 inet=0 unix=-1 nodelay=0 timeout=0",
+              response.body);
+}
+
+TEST(Request_Origin, trusts_no_other_peer_than_the_proxy)
+{
+    for (const std::string proxy : {"", "127.0.0.9", "::1"}) {
+        SCOPED_TRACE(proxy);
+        Probe_Server::Setup setup;
+        if (!proxy.empty()) {
+            setup.host = {"--proxy-from", proxy};
+        }
+        Probe_Server server(setup);
+        const auto client = server.connect();
+        ASSERT_NE(nullptr, client);
+        EXPECT_EQ("127.0.0.1", original_address(*client, {"X-Forwarded-For: 203.0.113.7"}));
+    }
 }

@@ -1,0 +1,331 @@
+#include "tests/support/exact_line.h"
+#include "tests/support/listener_checks.h"
+#include "tests/support/listener_server.h"
+#include "tests/support/log_lines.h"
+#include "tests/support/process_descriptors.h"
+#include "tests/support/socket_name.h"
+#include "tests/support/tls_pieces.h"
+
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <csignal>
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr size_t RECORD_HEADER = 5;
+
+class TLS_Listener : public testing::TestWithParam<Listener_Check> {};
+
+Probe_Server::Setup one_loop()
+{
+    Probe_Server::Setup setup;
+    setup.options = {"-t", "1"};
+    return setup;
+}
+
+Probe_Server::Setup short_accept()
+{
+    Probe_Server::Setup setup;
+    setup.options = {"-t", "1", "--accept-timeout=1"};
+    return setup;
+}
+
+void expect_hello(Wire_Client& client)
+{
+    const Wire_Response response = client.exchange(get_request("/probe/hello"));
+    EXPECT_EQ(200, response.status);
+    EXPECT_EQ("Hello, World!", response.body);
+}
+
+void expect_service(const Listener_Server& server)
+{
+    const auto client = server.connect();
+    ASSERT_NE(nullptr, client);
+    expect_hello(*client);
+}
+
+std::string failed_accept(const std::string& peer)
+{
+    return "ERROR Failed to accept connection from '" + peer + "'.";
+}
+
+/// The records in `bytes`, by their content types; ends with -1 when the last one is cut.
+std::vector<int> record_types(const std::string& bytes)
+{
+    std::vector<int> types;
+    for (size_t at = 0; at < bytes.size();) {
+        const auto byte = [&bytes, at](size_t i) {
+            return at + i < bytes.size() ? static_cast<unsigned char>(bytes[at + i]) : 0U;
+        };
+        const size_t length = RECORD_HEADER + (byte(3) << 8U) + byte(4);
+        types.push_back(at + length <= bytes.size() ? static_cast<int>(byte(0)) : -1);
+        at += length;
+    }
+    return types;
+}
+
+} // namespace
+
+TEST_P(TLS_Listener, serves)
+{
+    run_listener_check(Listener_Kind::TLS, this->GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Every, TLS_Listener, testing::ValuesIn(listener_checks()),
+                         Listener_Check_Name());
+
+TEST(HTTP_TLS_Listener, is_called_HTTPS)
+{
+    Listener_Server server(Listener_Kind::TLS);
+    EXPECT_TRUE(wait_for_exact_line(server.host(),
+                                    "INFO HTTPS " + server.address() + ":8443 is listening."));
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+}
+
+TEST(HTTP_TLS_Listener, tells_plug_ins_of_the_peer_and_of_encryption)
+{
+    Listener_Server server(Listener_Kind::TLS);
+    const auto client = server.connect();
+    ASSERT_NE(nullptr, client);
+    const std::string name = local_name_of(client->handle());
+    const std::string host = name.substr(0, name.find(':'));
+    EXPECT_EQ("remote=" + host + " original=" + host + " ssl=1 inet=0 unix=-1 nodelay=0 timeout=0",
+              client->exchange(get_request("/probe/addresses")).body);
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+}
+
+TEST(HTTP_TLS_Listener, handles_a_whole_record_without_waiting_for_more_input)
+{
+    Listener_Server server(Listener_Kind::TLS, one_loop());
+    // Header and body fill one record, which is twice the receive buffer, and not a byte follows.
+    for (const char* target : {"/probe/count", "/probe/thread/count"}) {
+        const auto client = server.connect();
+        ASSERT_NE(nullptr, client);
+        const size_t head = body_request("POST", target, std::string(16000, 'b')).size() - 16000;
+        const size_t body = SSL3_RT_MAX_PLAIN_LENGTH - head;
+        for (const size_t length : {body, body - 1, size_t{8192} - head, size_t{8193} - head}) {
+            EXPECT_EQ(
+                std::to_string(length),
+                client->exchange(body_request("POST", target, std::string(length, 'b'))).body);
+        }
+        // Many requests in one record.
+        std::string requests;
+        for (int i = 0; i < 200; ++i) {
+            requests += get_request("/probe/hello");
+        }
+        ASSERT_LT(requests.size(), size_t{SSL3_RT_MAX_PLAIN_LENGTH});
+        ASSERT_TRUE(client->send(requests));
+        for (int i = 0; i < 200; ++i) {
+            ASSERT_EQ("Hello, World!", client->read_response().body) << i;
+        }
+    }
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+}
+
+TEST(HTTP_TLS_Listener, delivers_a_mebibyte_in_full_records)
+{
+    Listener_Server server(Listener_Kind::TLS, one_loop());
+    const std::string body(1024 * 1024, 'b');
+    for (const char* target : {"/probe/count", "/probe/thread/count"}) {
+        const auto client = server.connect();
+        ASSERT_NE(nullptr, client);
+        EXPECT_EQ("1048576", client->exchange(body_request("POST", target, body)).body);
+        EXPECT_EQ("1048576", client->exchange(chunked_request("POST", target, {body})).body);
+    }
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+}
+
+TEST(HTTP_TLS_Listener, partial_record_holds_nobody_up)
+{
+    Listener_Server server(Listener_Kind::TLS, one_loop());
+    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        const auto slow =
+            Tls_Pieces::connect(Wire_Client::tcp(server.address(), server.port()), version);
+        ASSERT_NE(nullptr, slow);
+        const auto other = server.connect();
+        ASSERT_NE(nullptr, other);
+        const std::string records = slow->encrypt(get_request("/probe/hello"));
+        // The one loop has seen each byte before it serves the other connection: events are
+        // handed out in the order in which descriptors became ready.
+        for (const char byte : records) {
+            ASSERT_TRUE(slow->wire().send(std::string(1, byte)));
+            expect_hello(*other);
+        }
+        const std::string answer = slow->read_until("Hello, World!");
+        EXPECT_EQ(0U, answer.find("HTTP/1.1 200 OK\r\n"));
+    }
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+    EXPECT_EQ(Lines(), lines_of(server.host(), "ERROR"));
+}
+
+TEST(HTTP_TLS_Listener, partial_record_in_a_worker_thread_is_waited_for)
+{
+    Listener_Server server(Listener_Kind::TLS, one_loop());
+    const auto slow = Tls_Pieces::connect(Wire_Client::tcp(server.address(), server.port()));
+    ASSERT_NE(nullptr, slow);
+    ASSERT_TRUE(slow->wire().send(slow->encrypt(get_request("/probe/thread"))));
+    EXPECT_NE(std::string::npos, slow->read_until("Hello, World!").find("HTTP/1.1 200 OK"));
+    const std::string records = slow->encrypt(get_request("/probe/hello"));
+    const auto other = server.connect();
+    ASSERT_NE(nullptr, other);
+    for (const char byte : records) {
+        ASSERT_TRUE(slow->wire().send(std::string(1, byte)));
+        expect_hello(*other);
+    }
+    EXPECT_NE(std::string::npos, slow->read_until("Hello, World!").find("HTTP/1.1 200 OK"));
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+}
+
+TEST(HTTP_TLS_Listener, header_and_small_body_leave_in_one_record)
+{
+    Listener_Server server(Listener_Kind::TLS);
+    const auto client =
+        Tls_Pieces::connect(Wire_Client::tcp(server.address(), server.port()), TLS1_2_VERSION);
+    ASSERT_NE(nullptr, client);
+    for (const char* target : {"/probe/hello", "/probe/vector"}) {
+        ASSERT_TRUE(client->wire().send(client->encrypt(get_request(target))));
+        std::string records;
+        std::string text;
+        while (text.find("World!") == std::string::npos) {
+            const std::string bytes = client->wire().receive();
+            ASSERT_FALSE(bytes.empty());
+            records += bytes;
+            text += client->decrypt(bytes);
+        }
+        EXPECT_EQ(std::vector<int>{SSL3_RT_APPLICATION_DATA}, record_types(records)) << target;
+    }
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+}
+
+TEST(HTTP_TLS_Listener, silent_client_is_given_up)
+{
+    Listener_Server server(Listener_Kind::TLS, short_accept());
+    expect_service(server);
+    const size_t before = process_descriptors(server.host().pid()).count;
+    const auto silent = Wire_Client::tcp(server.address(), server.port());
+    ASSERT_NE(nullptr, silent);
+    EXPECT_TRUE(wait_for_exact_line(server.host(), failed_accept(local_name_of(silent->handle()))));
+    EXPECT_TRUE(silent->is_closed_by_peer());
+    expect_service(server);
+    EXPECT_LE(process_descriptors(server.host().pid()).count, before);
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+}
+
+TEST(HTTP_TLS_Listener, half_a_handshake_is_given_up)
+{
+    Listener_Server server(Listener_Kind::TLS, short_accept());
+    const auto client = Wire_Client::tcp(server.address(), server.port());
+    ASSERT_NE(nullptr, client);
+    // The first bytes of a ClientHello.
+    ASSERT_TRUE(client->send(std::string("\x16\x03\x01\x02\x00\x01\x00", 7)));
+    EXPECT_TRUE(wait_for_exact_line(server.host(), failed_accept(local_name_of(client->handle()))));
+    EXPECT_TRUE(client->is_closed_by_peer());
+    expect_service(server);
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+}
+
+TEST(HTTP_TLS_Listener, client_that_goes_before_its_handshake_is_one_error_line)
+{
+    Listener_Server server(Listener_Kind::TLS);
+    auto client = Wire_Client::tcp(server.address(), server.port());
+    ASSERT_NE(nullptr, client);
+    const std::string line = failed_accept(local_name_of(client->handle()));
+    client.reset();
+    EXPECT_TRUE(wait_for_exact_line(server.host(), line));
+    expect_service(server);
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+    EXPECT_EQ(1U, count_lines(server.host(), line));
+    EXPECT_EQ(1U, lines_of(server.host(), "ERROR").size());
+}
+
+TEST(HTTP_TLS_Listener, plain_HTTP_is_refused)
+{
+    Listener_Server server(Listener_Kind::TLS);
+    expect_service(server);
+    for (int i = 0; i < 5; ++i) {
+        const auto plain = Wire_Client::tcp(server.address(), server.port());
+        ASSERT_NE(nullptr, plain);
+        ASSERT_TRUE(plain->send(get_request("/probe/hello")));
+        EXPECT_EQ(std::string::npos, plain->read_to_end().find("Hello"));
+        EXPECT_TRUE(plain->at_end());
+        EXPECT_TRUE(
+            wait_for_exact_line(server.host(), failed_accept(local_name_of(plain->handle()))));
+    }
+    expect_service(server);
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+    EXPECT_EQ(5U, lines_of(server.host(), "ERROR").size());
+}
+
+TEST(HTTP_TLS_Listener, versions_from_1_2_up_are_spoken)
+{
+    Listener_Server server(Listener_Kind::TLS);
+    const auto connect = [&server](int version) {
+        return Tls_Pieces::connect(Wire_Client::tcp(server.address(), server.port()), version);
+    };
+    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        const auto client = connect(version);
+        ASSERT_NE(nullptr, client) << version;
+        ASSERT_TRUE(client->wire().send(client->encrypt(get_request("/probe/hello"))));
+        EXPECT_EQ(0U, client->read_until("Hello, World!").find("HTTP/1.1 200 OK"));
+    }
+    EXPECT_EQ(Lines(), lines_of(server.host(), "ERROR"));
+    EXPECT_EQ(nullptr, connect(TLS1_1_VERSION));
+    EXPECT_TRUE(server.host().wait_for_log(" ERROR Failed to accept connection from '127."));
+    EXPECT_EQ(nullptr, connect(TLS1_VERSION));
+    EXPECT_TRUE(
+        server.host().wait_for_log_count(" ERROR Failed to accept connection from '127.", 2));
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+}
+
+TEST(HTTP_TLS_Listener, end_without_close_notify_is_an_ordinary_end)
+{
+    Listener_Server server(Listener_Kind::TLS);
+    for (const char* target : {"/probe/hello", "/probe/thread"}) {
+        const auto client = server.connect();
+        ASSERT_NE(nullptr, client);
+        EXPECT_EQ(200, client->exchange(get_request(target)).status);
+        ASSERT_EQ(0, ::shutdown(client->handle(), SHUT_WR));
+        EXPECT_TRUE(client->is_closed_by_peer());
+    }
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+    EXPECT_EQ(Lines(), lines_of(server.host(), "ERROR"));
+}
+
+TEST(HTTP_TLS_Listener, client_gets_close_notify)
+{
+    Listener_Server server(Listener_Kind::TLS);
+    const auto client =
+        Tls_Pieces::connect(Wire_Client::tcp(server.address(), server.port()), TLS1_2_VERSION);
+    ASSERT_NE(nullptr, client);
+    ASSERT_TRUE(
+        client->wire().send(client->encrypt(get_request("/probe/hello", {"Connection: close"}))));
+    EXPECT_EQ((std::vector<int>{SSL3_RT_APPLICATION_DATA, SSL3_RT_ALERT}),
+              record_types(client->wire().read_to_end()));
+    EXPECT_TRUE(client->wire().at_end());
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+}
+
+TEST(HTTP_TLS_Listener, slow_reader_in_a_thread_gets_everything)
+{
+    Listener_Server server(Listener_Kind::TLS, one_loop());
+    const auto slow = server.connect();
+    ASSERT_NE(nullptr, slow);
+    std::string requests;
+    for (int i = 0; i < 8; ++i) {
+        requests += get_request("/probe/thread/large");
+    }
+    ASSERT_TRUE(slow->send(requests)); // 8 MiB that nobody reads yet
+    ASSERT_TRUE(server.host().wait_for_log("probe: handle_request GET /probe/thread/large"));
+    for (int i = 0; i < 20; ++i) {
+        expect_service(server);
+    }
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_EQ(std::string(1024 * 1024, 'x'), slow->read_response().body);
+    }
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+}
