@@ -4,9 +4,19 @@
 #include "support/log.h"
 #include "support/peer_acceptor_traits.h"
 
-#include <ace/Acceptor.h>
 #include <ace/Reactor.h>
+
+// ACE_Svc_Handler has its own operators new and delete for both ways to allocate, which match; g++
+// takes them for mismatched where it inlines one of the pair alone.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+#include <ace/Acceptor.h>
 #include <ace/Svc_Handler.h>
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 
 #include <cerrno>
 

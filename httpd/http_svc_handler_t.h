@@ -216,6 +216,7 @@ private:
     /// while the body still arrives.
     std::uint64_t response_length_ = 0;
     Upcall* upcall_ = nullptr;
+    bool close_sent_ = false;        ///< our close frame has been sent
     bool released_ = false;          ///< handle_close_i has run
     bool logged_ = false;            ///< the current request has its access-log line
     bool header_received_ = false;   ///< the current request's header is complete

@@ -360,9 +360,11 @@ template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::send_close_frame(WebSocket_Data_Frame::Close_Status status,
                                                        const void* reason, size_t length)
 {
-    if (this->response_state() == HTTP_SOCK_STATE_WEBSOCKET_CLOSING) {
+    // The state alone does not tell: frames that come after our close frame change it.
+    if (close_sent_) {
         return 0;
     }
+    close_sent_ = true;
     this->response_state(HTTP_SOCK_STATE_WEBSOCKET_CLOSING);
     constexpr bool FINAL = true;
     constexpr bool MASK = false;

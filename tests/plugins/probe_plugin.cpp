@@ -13,6 +13,7 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <map>
@@ -124,6 +125,12 @@ const std::map<std::string, Probe_Handler::Request_Mode>& Probe_Handler::request
     static const std::map<std::string, Request_Mode> modes = {
         {"hello", [](Probe_Handler&, HTTP_IO& io) { return counted(io, HELLO); }},
         {"thread", [](Probe_Handler&, HTTP_IO& io) { return counted(io, HELLO); }},
+        // Busy for longer than a stopping server waits.
+        {"thread-stuck",
+         [](Probe_Handler&, HTTP_IO&) {
+             std::this_thread::sleep_for(std::chrono::seconds(12));
+             return -1;
+         }},
         // Sends nothing: the engine answers for it.
         {"silent", [](Probe_Handler&, HTTP_IO&) { return 0; }},
         {"silent-204",

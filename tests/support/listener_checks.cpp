@@ -1,6 +1,6 @@
 #include "tests/support/listener_checks.h"
 
-#include "tests/support/log_lines.h"
+#include "tests/support/exact_line.h"
 
 #include <gtest/gtest.h>
 
@@ -217,5 +217,5 @@ void run_listener_check(Listener_Kind kind, const Listener_Check& check)
     Listener_Server server(kind);
     check.run(server);
     EXPECT_EQ(0, server.host().stop(SIGTERM));
-    EXPECT_EQ(std::vector<std::string>(), lines_of(server.host(), "ERROR"));
+    EXPECT_EQ(std::vector<std::string>(), texts_of(server.host(), "ERROR"));
 }

@@ -1,6 +1,11 @@
 #pragma once
 
 #include "tests/support/host_process.h"
+#include "tests/support/wire_client.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <string>
@@ -16,13 +21,6 @@ inline std::vector<std::string> log_lines(const Host_Process& host)
     return lines;
 }
 
-/// How many lines are exactly this.
-inline size_t count_lines(const Host_Process& host, const std::string& line)
-{
-    const std::vector<std::string> lines = log_lines(host);
-    return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
-}
-
 /// The texts of one priority ("ERROR"), in order.
 inline std::vector<std::string> lines_of(const Host_Process& host, const std::string& priority)
 {
@@ -35,8 +33,29 @@ inline std::vector<std::string> lines_of(const Host_Process& host, const std::st
     return texts;
 }
 
-/// Waits for a line that begins so, priority first.
-inline bool wait_for_line(const Host_Process& host, const std::string& beginning)
+/// How many lines of that priority are exactly this.
+inline size_t count_log_lines(const Host_Process& host, const std::string& priority,
+                              const std::string& text)
 {
-    return host.wait_for_log(" " + beginning);
+    const std::vector<std::string> texts = lines_of(host, priority);
+    return static_cast<size_t>(std::count(texts.begin(), texts.end(), text));
+}
+
+/// Waits for exactly this line.
+inline bool wait_for_log_line(const Host_Process& host, const std::string& priority,
+                              const std::string& text)
+{
+    return host.wait_for_log(" " + priority + " " + text) &&
+           count_log_lines(host, priority, text) > 0;
+}
+
+/// What the server calls this client, connected by IPv4: "127.0.0.1:54321".
+inline std::string client_name(const Wire_Client& client)
+{
+    sockaddr_in address = {};
+    socklen_t length = sizeof address;
+    ::getsockname(client.handle(), reinterpret_cast<sockaddr*>(&address), &length);
+    char host[INET_ADDRSTRLEN] = "";
+    ::inet_ntop(AF_INET, &address.sin_addr, host, sizeof host);
+    return std::string(host) + ":" + std::to_string(ntohs(address.sin_port));
 }

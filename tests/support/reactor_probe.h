@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/epoll_reactor.h"
+
 #include <ace/Event_Handler.h>
 #include <ace/Reactor.h>
 #include <ace/Time_Value.h>
@@ -213,4 +215,25 @@ private:
 public:
     Reactor_Record& record;
     Reactor_Probe* probe;
+};
+
+/// A reactor that the test runs itself.
+struct Reactor_Loop {
+    /// One round without waiting: the number of upcalls.
+    int round()
+    {
+        ACE_Time_Value no_wait;
+        return reactor.handle_events(&no_wait);
+    }
+    int mask(ACE_Event_Handler* handler)
+    {
+        return reactor.mask_ops(handler, ACE_Event_Handler::NULL_MASK, ACE_Reactor::GET_MASK);
+    }
+    int mask(ACE_HANDLE handle)
+    {
+        return implementation.mask_ops(handle, ACE_Event_Handler::NULL_MASK, ACE_Reactor::GET_MASK);
+    }
+
+    Epoll_Reactor implementation;
+    ACE_Reactor reactor{&implementation};
 };

@@ -8,9 +8,8 @@
 
 namespace {
 
-class Fake_Worker : public Live_Connections::Worker {
+class Fake_Worker final : public Live_Connections::Worker {
 public:
-    ~Fake_Worker() = default;
     void interrupt() override { interrupted_.set_value(); }
     std::string plug_in() const override { return "uri '/slow' of dll 'slow'"; }
 

@@ -43,6 +43,9 @@ inline void flush_log(Probe_Server& server)
     static std::atomic<unsigned> counter{0};
     const std::string target = "/marker-" + std::to_string(++counter);
     const auto client = server.connect();
+    if (client == nullptr) {
+        return; // the log has ended, or the test fails anyway
+    }
     client->send(get_request(target));
     server.host().wait_for_log("Not found HTTP uri '" + target + "'.");
 }

@@ -2,7 +2,6 @@
 #include "tests/support/exact_line.h"
 #include "tests/support/listener_checks.h"
 #include "tests/support/listener_server.h"
-#include "tests/support/log_lines.h"
 #include "tests/support/socket_name.h"
 
 #include <ace/INET_Addr.h>

@@ -1,7 +1,6 @@
 #include "tests/support/exact_line.h"
 #include "tests/support/listener_checks.h"
 #include "tests/support/listener_server.h"
-#include "tests/support/log_lines.h"
 #include "tests/support/process_descriptors.h"
 #include "tests/support/socket_name.h"
 #include "tests/support/tls_pieces.h"
@@ -160,7 +159,7 @@ TEST(HTTP_TLS_Listener, partial_record_holds_nobody_up)
         EXPECT_EQ(0U, answer.find("HTTP/1.1 200 OK\r\n"));
     }
     EXPECT_EQ(0, server.host().stop(SIGTERM));
-    EXPECT_EQ(Lines(), lines_of(server.host(), "ERROR"));
+    EXPECT_EQ(Lines(), texts_of(server.host(), "ERROR"));
 }
 
 TEST(HTTP_TLS_Listener, partial_record_in_a_worker_thread_is_waited_for)
@@ -239,8 +238,7 @@ TEST(HTTP_TLS_Listener, client_that_goes_before_its_handshake_is_one_error_line)
     EXPECT_TRUE(wait_for_exact_line(server.host(), line));
     expect_service(server);
     EXPECT_EQ(0, server.host().stop(SIGTERM));
-    EXPECT_EQ(1U, count_lines(server.host(), line));
-    EXPECT_EQ(1U, lines_of(server.host(), "ERROR").size());
+    EXPECT_EQ(1U, texts_of(server.host(), "ERROR").size());
 }
 
 TEST(HTTP_TLS_Listener, plain_HTTP_is_refused)
@@ -258,7 +256,7 @@ TEST(HTTP_TLS_Listener, plain_HTTP_is_refused)
     }
     expect_service(server);
     EXPECT_EQ(0, server.host().stop(SIGTERM));
-    EXPECT_EQ(5U, lines_of(server.host(), "ERROR").size());
+    EXPECT_EQ(5U, texts_of(server.host(), "ERROR").size());
 }
 
 TEST(HTTP_TLS_Listener, versions_from_1_2_up_are_spoken)
@@ -273,7 +271,7 @@ TEST(HTTP_TLS_Listener, versions_from_1_2_up_are_spoken)
         ASSERT_TRUE(client->wire().send(client->encrypt(get_request("/probe/hello"))));
         EXPECT_EQ(0U, client->read_until("Hello, World!").find("HTTP/1.1 200 OK"));
     }
-    EXPECT_EQ(Lines(), lines_of(server.host(), "ERROR"));
+    EXPECT_EQ(Lines(), texts_of(server.host(), "ERROR"));
     EXPECT_EQ(nullptr, connect(TLS1_1_VERSION));
     EXPECT_TRUE(server.host().wait_for_log(" ERROR Failed to accept connection from '127."));
     EXPECT_EQ(nullptr, connect(TLS1_VERSION));
@@ -293,7 +291,7 @@ TEST(HTTP_TLS_Listener, end_without_close_notify_is_an_ordinary_end)
         EXPECT_TRUE(client->is_closed_by_peer());
     }
     EXPECT_EQ(0, server.host().stop(SIGTERM));
-    EXPECT_EQ(Lines(), lines_of(server.host(), "ERROR"));
+    EXPECT_EQ(Lines(), texts_of(server.host(), "ERROR"));
 }
 
 TEST(HTTP_TLS_Listener, client_gets_close_notify)

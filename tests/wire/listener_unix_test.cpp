@@ -2,7 +2,6 @@
 #include "tests/support/exact_line.h"
 #include "tests/support/listener_checks.h"
 #include "tests/support/listener_server.h"
-#include "tests/support/log_lines.h"
 
 #include <ace/INET_Addr.h>
 
@@ -74,7 +73,7 @@ TEST(UNIX_Domain_Listener, has_no_inet_peer)
                   " ssl=0 inet=0 unix=-1 nodelay=0 timeout=0",
               client->exchange(get_request("/probe/addresses")).body);
     EXPECT_EQ(0, server.host().stop(SIGTERM));
-    EXPECT_EQ(std::vector<std::string>(), lines_of(server.host(), "ERROR"));
+    EXPECT_EQ(std::vector<std::string>(), texts_of(server.host(), "ERROR"));
 }
 
 TEST(UNIX_Domain_Listener, replaces_a_stale_socket)

@@ -80,7 +80,7 @@ TEST(HTTP_Send, empty_piece_that_is_not_the_last_writes_nothing)
     EXPECT_EQ("2\r\nab\r\n1\r\nc\r\n0\r\n\r\n", raw_chunks(server, "/response/vector-gaps"));
     EXPECT_EQ(0, server.host().stop(SIGTERM));
     // The last piece asks for the close, which the client wanted.
-    EXPECT_EQ(2U, count_lines(server.host(), "INFO response: gaps -1"));
+    EXPECT_EQ(2U, count_log_lines(server.host(), "INFO", "response: gaps -1"));
     EXPECT_TRUE(lines_of(server.host(), "ERROR").empty());
 }
 
@@ -163,7 +163,7 @@ TEST(HTTP_IO_ostreambuf, without_a_buffer_goes_bad_and_ends_the_response)
     EXPECT_TRUE(response.complete);
     expect_kept(*client);
     EXPECT_EQ(0, server.host().stop(SIGTERM));
-    EXPECT_EQ(1U, count_lines(server.host(), "INFO response: stream is bad"));
+    EXPECT_EQ(1U, count_log_lines(server.host(), "INFO", "response: stream is bad"));
     const std::vector<std::string> emergencies = lines_of(server.host(), "EMERGENCY");
     ASSERT_EQ(1U, emergencies.size());
     EXPECT_EQ(0U, emergencies[0].find("Unexpected error in httpd/http_io_ostreambuf.cpp:"))

@@ -82,7 +82,7 @@ TEST(HTTP_Send, body_without_a_length_ends_with_the_connection)
     EXPECT_EQ("Hello, World!", response.body);
     EXPECT_TRUE(response.complete);
     EXPECT_EQ(0, server.host().stop(SIGTERM));
-    EXPECT_EQ(1U, count_lines(server.host(), "INFO probe: until-close result -1"));
+    EXPECT_EQ(1U, count_log_lines(server.host(), "INFO", "probe: until-close result -1"));
 }
 
 TEST(HTTP_Send, client_that_asks_for_the_close_gets_it)
@@ -151,7 +151,7 @@ TEST(HTTP_Send, call_behind_the_end_is_refused_and_logged)
         "Call HTTP_Svc_Handler_T<P, S>::send with incorrect response state "
         "HTTP_SOCK_STATE_CONTENT_SENT"};
     EXPECT_EQ(expected, lines_of(server.host(), "ERROR"));
-    EXPECT_EQ(1U, count_lines(server.host(), "INFO response: after the end 0 -1 -1 -1"));
+    EXPECT_EQ(1U, count_log_lines(server.host(), "INFO", "response: after the end 0 -1 -1 -1"));
 }
 
 TEST(HTTP_Send, piece_that_crosses_the_declared_length_goes_out_whole_and_ends_the_response)

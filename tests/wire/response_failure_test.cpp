@@ -5,10 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <iterator>
@@ -21,17 +20,6 @@ Probe_Server::Setup with_options(const std::vector<std::string>& options)
     setup.options = options;
     setup.handlers.push_back({"/response", "response_plugin", "_make_Response"});
     return setup;
-}
-
-/// "127.0.0.1:54321", what the server calls this client.
-std::string name_of(const Wire_Client& client)
-{
-    sockaddr_in address = {};
-    socklen_t length = sizeof address;
-    ::getsockname(client.handle(), reinterpret_cast<sockaddr*>(&address), &length);
-    char host[INET_ADDRSTRLEN] = "";
-    ::inet_ntop(AF_INET, &address.sin_addr, host, sizeof host);
-    return std::string(host) + ":" + std::to_string(ntohs(address.sin_port));
 }
 
 /// Ends the connection with a reset.
@@ -65,17 +53,17 @@ constexpr Large_Response LARGE_RESPONSES[] = {
     {"body-chunked-vector", "body", "HTTP_SOCK_STATE_CONTENT_SENDING"},
 };
 
-class HTTP_Send_Failure : public testing::TestWithParam<Large_Response> {};
+class HTTP_Send_Large : public testing::TestWithParam<Large_Response> {};
 
 } // namespace
 
-TEST_P(HTTP_Send_Failure, of_a_client_that_resets_is_logged_and_leaves_the_state)
+TEST_P(HTTP_Send_Large, failure_is_logged_and_leaves_the_state)
 {
     const Large_Response& response = GetParam();
     Probe_Server server(with_options({}));
     auto client = server.connect();
     ASSERT_NE(nullptr, client);
-    const std::string name = name_of(*client);
+    const std::string name = client_name(*client);
     ASSERT_TRUE(client->send(get_request("/response/thread/large?" + std::string(response.how))));
     ASSERT_EQ("HTTP/1.1 200 OK\r\n", client->read_exactly(17));
     reset(client);
@@ -91,11 +79,11 @@ TEST_P(HTTP_Send_Failure, of_a_client_that_resets_is_logged_and_leaves_the_state
                            response.state);
     }
     EXPECT_EQ(expected, lines_of(server.host(), "ERROR"));
-    EXPECT_EQ(1U,
-              count_lines(server.host(), "INFO response: large -1 " + std::string(response.state)));
+    EXPECT_EQ(1U, count_log_lines(server.host(), "INFO",
+                                  "response: large -1 " + std::string(response.state)));
 }
 
-INSTANTIATE_TEST_SUITE_P(Ways, HTTP_Send_Failure, testing::ValuesIn(LARGE_RESPONSES),
+INSTANTIATE_TEST_SUITE_P(Ways, HTTP_Send_Large, testing::ValuesIn(LARGE_RESPONSES),
                          [](const testing::TestParamInfo<Large_Response>& row) {
                              std::string name = row.param.how;
                              std::replace(name.begin(), name.end(), '-', '_');
@@ -107,12 +95,13 @@ TEST(HTTP_Send_Failure, in_the_reactor_closes_the_connection_and_serves_on)
     Probe_Server server(with_options({}));
     auto client = server.connect();
     ASSERT_NE(nullptr, client);
-    const std::string name = name_of(*client);
+    const std::string name = client_name(*client);
     ASSERT_TRUE(client->send(get_request("/response/large?body")));
     ASSERT_EQ("HTTP/1.1 200 OK\r\n", client->read_exactly(17));
     reset(client);
-    EXPECT_TRUE(wait_for_line(server.host(), "ERROR Failed to send body to HTTP client " + name +
-                                                 ": Connection reset by peer"));
+    EXPECT_TRUE(wait_for_log_line(server.host(), "ERROR",
+                                  "Failed to send body to HTTP client " + name +
+                                      ": Connection reset by peer"));
     EXPECT_TRUE(server.host().wait_for_log("response: handle_close"));
     const auto next = server.connect();
     ASSERT_NE(nullptr, next);
@@ -124,10 +113,10 @@ TEST(HTTP_Send_Failure, of_a_client_that_never_reads_comes_after_the_send_timeou
     Probe_Server server(with_options({"--socket-send-timeout=1"}));
     const auto client = server.connect();
     ASSERT_NE(nullptr, client);
-    const std::string name = name_of(*client);
+    const std::string name = client_name(*client);
     ASSERT_TRUE(client->send(get_request("/response/thread/large?body")));
-    EXPECT_TRUE(wait_for_line(server.host(), "ERROR Failed to send body to HTTP client " + name +
-                                                 ": Timer expired"));
+    EXPECT_TRUE(wait_for_log_line(
+        server.host(), "ERROR", "Failed to send body to HTTP client " + name + ": Timer expired"));
     const Wire_Response response = client->read_response();
     EXPECT_EQ("HTTP/1.1 200 OK", response.status_line);
     EXPECT_FALSE(response.complete);
@@ -135,8 +124,8 @@ TEST(HTTP_Send_Failure, of_a_client_that_never_reads_comes_after_the_send_timeou
     EXPECT_TRUE(server.host().wait_for_log("response: handle_close"));
     EXPECT_EQ(0, server.host().stop(SIGTERM));
     EXPECT_EQ(1U, lines_of(server.host(), "ERROR").size()) << server.host().log_text();
-    EXPECT_EQ(
-        1U, count_lines(server.host(), "INFO response: large -1 HTTP_SOCK_STATE_CONTENT_SENDING"));
+    EXPECT_EQ(1U, count_log_lines(server.host(), "INFO",
+                                  "response: large -1 HTTP_SOCK_STATE_CONTENT_SENDING"));
 }
 
 TEST(HTTP_Send_Failure, client_that_never_reads_holds_up_only_the_thread_of_its_response)
@@ -156,7 +145,7 @@ TEST(HTTP_Send_Failure, client_that_never_reads_holds_up_only_the_thread_of_its_
     EXPECT_TRUE(server.host().wait_for_log("response: large -1"));
 }
 
-TEST(HTTP_Send_Failure, slow_reader_gets_the_whole_response)
+TEST(HTTP_Send_Failure, response_larger_than_the_buffers_arrives_whole)
 {
     Probe_Server server(with_options({"--socket-send-timeout=1"}));
     const auto client = server.connect();

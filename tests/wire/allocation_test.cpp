@@ -1,0 +1,119 @@
+#include "tests/support/environment_variable.h"
+#include "tests/support/probe_server.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HTTPD_TEST_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define HTTPD_TEST_SANITIZED 1
+#endif
+#endif
+
+namespace {
+
+constexpr long REQUESTS = 1000;
+constexpr int WARM_UP = 50;
+
+/// A server whose heap allocations are counted, and one connection to it.
+class HTTP_Allocation : public testing::Test {
+protected:
+    void SetUp() override
+    {
+#if defined(HTTPD_TEST_SANITIZED)
+        GTEST_SKIP() << "a sanitizer has the heap in its own hands";
+#endif
+        const std::string root = folder_.path() + "/root";
+        folder_.write("root/small.txt", "Hello, World!");
+        Probe_Server::Setup setup;
+        setup.log_level = "error";
+        setup.handlers = {{"/bare", "bare_plugin", "_make_Bare"},
+                          {"/recycled", "bare_plugin", "_make_Bare_Recycled"},
+                          {"/count", "bare_plugin", "_make_Allocation_Count"},
+                          {"/files", "httpd_files", "_make_Files", "--root " + root},
+                          {"/echo", "httpd_echo", "_make_Echo"}};
+        const Environment_Variable preload("LD_PRELOAD", library_path("malloc_counter"));
+        server_ = std::make_unique<Probe_Server>(setup);
+        client_ = server_->connect();
+        ASSERT_NE(nullptr, client_);
+    }
+
+    void TearDown() override
+    {
+        if (server_ != nullptr) {
+            EXPECT_EQ(0, server_->host().stop(SIGTERM));
+        }
+    }
+
+    long count()
+    {
+        const std::string text = client_->exchange(get_request("/count")).body;
+        EXPECT_NE("none", text);
+        return std::atol(text.c_str());
+    }
+
+    /// What 1,000 of these requests allocate on a connection that has served some before.
+    long allocations(const std::string& request, int status = 200)
+    {
+        for (int i = 0; i < WARM_UP; ++i) {
+            EXPECT_EQ(status, client_->exchange(request).status);
+        }
+        this->count();
+        const long first = this->count();
+        const long before = this->count();
+        const long of_counting = before - first;
+        for (long i = 0; i < REQUESTS; ++i) {
+            EXPECT_EQ(status, client_->exchange(request).status);
+        }
+        return this->count() - before - of_counting;
+    }
+
+    Temporary_Folder folder_;
+    std::unique_ptr<Probe_Server> server_;
+    std::unique_ptr<Wire_Client> client_;
+};
+
+} // namespace
+
+TEST_F(HTTP_Allocation, counter_sees_the_plug_in_objects)
+{
+    EXPECT_EQ(REQUESTS, this->allocations(get_request("/bare")));
+}
+
+TEST_F(HTTP_Allocation, request_costs_none_with_recycled_plug_in_objects)
+{
+    EXPECT_EQ(0, this->allocations(get_request("/recycled")));
+}
+
+TEST_F(HTTP_Allocation, fields_of_a_request_cost_none)
+{
+    std::vector<std::string> fields = {"User-Agent: test", "Accept: */*",
+                                       "Cookie: " + std::string(500, 'c')};
+    for (int i = 0; i < 30; ++i) {
+        fields.push_back("X-Field-" + std::to_string(i) + ": value of the field");
+    }
+    EXPECT_EQ(0, this->allocations(get_request("/recycled?with=a&query=", fields)));
+}
+
+TEST_F(HTTP_Allocation, bodies_cost_none)
+{
+    EXPECT_EQ(0, this->allocations(body_request("POST", "/recycled", std::string(5000, 'b'))));
+}
+
+TEST_F(HTTP_Allocation, small_file_costs_none)
+{
+    EXPECT_EQ(0, this->allocations(get_request("/files/small.txt")));
+}
+
+TEST_F(HTTP_Allocation, missing_file_costs_none)
+{
+    EXPECT_EQ(0, this->allocations(get_request("/files/missing.txt"), 404));
+}
+
+TEST_F(HTTP_Allocation, echo_costs_none)
+{
+    EXPECT_EQ(0, this->allocations(get_request("/echo/a")));
+}
