@@ -32,6 +32,10 @@ using Listen_Address = HTTP_Options::Listen_Address;
 /// How long a plug-in that is busy in a worker thread is waited for.
 constexpr std::chrono::seconds DRAIN_LIMIT(10);
 
+/// Services of this process between init and fini, which the host calls in one thread: they share
+/// the options and the registries.
+unsigned int serving_services = 0;
+
 /// A send to a peer that has gone must end in an error; TLS and shared-memory streams write without
 /// a way to say so for the single call.
 void ignore_sigpipe()
@@ -130,6 +134,7 @@ int HTTP_Service::init(int argc, char** argv)
         return -1;
     }
     serving_ = true;
+    ++serving_services;
     HTTPD_INFO("HTTP event loops(reactor type: %s, number: %u) are started.", reactor_type, loops);
     for (int i = 0; options->listen_address(i) != nullptr; ++i) {
         // An address that cannot be listened on has been logged.
@@ -147,9 +152,11 @@ void HTTP_Service::clear()
     acceptors_.clear();
     loops_.close();
     if (serving_) {
-        // What has moved to a thread of its own is not known to the loops.
-        drained_ = Live_Connections::instance().drain(DRAIN_LIMIT);
         serving_ = false;
+        --serving_services;
+        // What has moved to a thread of its own is not known to the loops. The connections of
+        // another service that goes on are not to be interrupted: the last one waits for all.
+        drained_ = serving_services == 0 && Live_Connections::instance().drain(DRAIN_LIMIT);
         if (!drained_) {
             loops_.abandon();
         }
@@ -160,7 +167,7 @@ int HTTP_Service::fini()
 {
     this->clear();
     finish_log_compression();
-    if (drained_) {
+    if (drained_ && serving_services == 0) { // else they are in use
         HTTP_Options::close_instance();
         HTTP_Handler_Creator_Map::close_instance();
         HTTP_Authenticator_Creator_Map::close_instance();

@@ -38,7 +38,8 @@ public:
     /**
      * Stops listening, stops the loops, closes every connection, and releases the options and the
      * plug-ins, unless a plug-in does not come back within 10 seconds: then they are left alone,
-     * since it still uses them. @return 0
+     * since it still uses them. Of several services in one process the last one
+     * waits and releases. @return 0
      */
     int fini() override;
 

@@ -7,6 +7,7 @@
 #include <ace/UNIX_Addr.h>
 
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/un.h>
 
@@ -107,4 +108,10 @@ int set_buffers(int handle, int recv_buf_size, int send_buf_size)
     return send_buf_size > 0
                ? setsockopt(handle, SOL_SOCKET, SO_SNDBUF, &send_buf_size, sizeof send_buf_size)
                : 0;
+}
+
+int send_at_once(int listener)
+{
+    const int on = 1;
+    return setsockopt(listener, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }

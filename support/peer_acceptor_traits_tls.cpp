@@ -59,7 +59,7 @@ int Traits::open(Peer_Acceptor& acceptor, const ACE_Addr& address, int reuse_add
         return -1;
     }
     const int handle = acceptor.get_handle();
-    if (enable_fd_cloexec(handle) == -1 ||
+    if (enable_fd_cloexec(handle) == -1 || send_at_once(handle) == -1 ||
         set_buffers(handle, recv_buf_size, send_buf_size) == -1) {
         const int error = errno;
         acceptor.close();

@@ -15,7 +15,7 @@ int ACE_SOCK_Acceptor_Ex::open(const ACE_Addr& address, int reuse_addr, int prot
     if (ACE_SOCK::open(SOCK_STREAM, family, protocol, reuse_addr) == -1) {
         return -1;
     }
-    if (enable_fd_cloexec(get_handle()) == -1 ||
+    if (enable_fd_cloexec(get_handle()) == -1 || send_at_once(get_handle()) == -1 ||
         set_buffers(get_handle(), recv_buf_size, send_buf_size) == -1 ||
         shared_open(address, family, backlog, ipv6_only) == -1) {
         const int error = errno;

@@ -2,7 +2,7 @@
 // the request's path below its own URI, and that logs each call that it gets as a line "ws: ...".
 //
 // The last word is the mode: what a complete message, or another call, makes it do. Words before it
-// choose the thread ("thread", "reactive", "proactive", "concurrency-7") and more.
+// choose the thread ("thread", "reactive", "proactive") and more.
 
 #include "httpd/object_creator_t.h"
 #include "httpd/websocket_handler.h"
@@ -30,6 +30,8 @@ iovec entry(const char* text)
 class WebSocket_Probe : public WebSocket_Handler {
 public:
     ~WebSocket_Probe() override { HTTPD_INFO("ws: destroyed"); }
+
+    using WebSocket_Handler::select_protocol;
 
     const char* select_protocol(const std::vector<std::string>& offers) override
     {
@@ -63,10 +65,7 @@ public:
         if (this->is("reactive")) {
             return REACTIVE;
         }
-        if (this->is("proactive")) {
-            return PROACTIVE;
-        }
-        return this->is("concurrency-7") ? static_cast<CONCURRENCY>(7) : INHERITED;
+        return this->is("proactive") ? PROACTIVE : INHERITED;
     }
 
     int handle_handshaked() override

@@ -356,6 +356,24 @@ TEST(Epoll_Reactor_Dispatch, a_handler_removed_by_another_one_of_the_same_round_
     EXPECT_EQ(a.record.closes.size() + b.record.closes.size(), 1U);
 }
 
+TEST(Epoll_Reactor_Dispatch, a_handler_suspended_by_another_one_of_the_same_round_is_not_called)
+{
+    Loop loop;
+    Probe a;
+    Probe b;
+    a.probe->on_input = [&](ACE_HANDLE) { return loop.reactor.suspend_handler(b.probe); };
+    b.probe->on_input = [&](ACE_HANDLE) { return loop.reactor.suspend_handler(a.probe); };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.register_handler(b.probe, READ), 0);
+    a.pair.send();
+    b.pair.send();
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(a.record.inputs + b.record.inputs, 1);
+    ASSERT_EQ(loop.reactor.resume_handlers(), 0);
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(a.record.inputs + b.record.inputs, 2);
+}
+
 TEST(Epoll_Reactor_Dispatch, an_event_does_not_reach_the_next_owner_of_its_descriptor)
 {
     Loop loop;

@@ -454,6 +454,21 @@ TEST(Tls_Stream_IO, records_that_arrive_together_are_all_delivered)
     EXPECT_EQ(received.size(), 10 * std::string("message 0").size());
 }
 
+TEST(Tls_Stream_IO, a_key_update_does_not_hide_the_data_behind_it)
+{
+    Tls_Connection connection;
+    ASSERT_TRUE(connection.open);
+    if (SSL_version(connection.client->ssl()) != TLS1_3_VERSION) {
+        GTEST_SKIP() << "only TLS 1.3 has key updates";
+    }
+    ASSERT_EQ(SSL_key_update(connection.client->ssl(), SSL_KEY_UPDATE_NOT_REQUESTED), 1);
+    const std::string wire = record_of(connection, "behind");
+    ASSERT_GT(ace_send(connection.peer.get(), wire.data(), wire.size()), 0);
+    make_readable(connection.stream->get_handle());
+    char buffer[64];
+    EXPECT_EQ(connection.receive_now(buffer, sizeof buffer), 6);
+}
+
 TEST(Tls_Stream_IO, close_notify_is_the_end)
 {
     Tls_Connection connection;

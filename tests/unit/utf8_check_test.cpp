@@ -88,7 +88,6 @@ TEST(UTF8_Check, refuses_overlong_forms)
     } cases[] = {{0x00, 2}, {0x2F, 2}, {0x7F, 2}, {0x00, 3},   {0x2F, 3},  {0x7FF, 3},
                  {0x00, 4}, {0x2F, 4}, {0x7FF, 4}, {0xFFFF, 4}};
     for (const auto& entry : cases) {
-        // The last one is left out of the pads that end a character too early.
         expect_text(encode(entry.point, entry.length), false);
     }
 }

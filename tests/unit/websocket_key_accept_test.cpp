@@ -21,7 +21,7 @@ TEST(WebSocket_Key_Accept, derives_known_values)
     } cases[] = {
         {"", "Kfh9QIsMVZcl6xEPYxPHzW8SZ8w="},
         {"x3JJHMbDL1EzLkh9GBhXDw==", "HSmrc0sMlYUkAGmm5OPpG2HaGWk="},
-        {std::string(200, 'k'), "V3QaAOuPSH0nBzYYJ5psY4Hly3Q="},
+        {std::string(200, 'k'), "HXr7Nbki1tHdEVpq+a7G7IV4VJU="},
     };
     for (const auto& entry : cases) {
         char accept[WEBSOCKET_ACCEPT_SIZE];

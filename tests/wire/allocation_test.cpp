@@ -29,7 +29,7 @@ protected:
         const std::string root = folder_.path() + "/root";
         folder_.write("root/small.txt", "Hello, World!");
         Probe_Server::Setup setup;
-        setup.log_level = "error";
+        setup.log_level = "info"; // no line for each request
         setup.handlers = {{"/bare", "bare_plugin", "_make_Bare"},
                           {"/recycled", "bare_plugin", "_make_Bare_Recycled"},
                           {"/count", "bare_plugin", "_make_Allocation_Count"},

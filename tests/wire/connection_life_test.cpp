@@ -299,7 +299,7 @@ TEST(Connection_Idle, counts_from_the_last_input_and_closes_without_a_response)
 TEST(Connection_Idle, leaves_a_connection_open_that_goes_on)
 {
     Probe_Server::Setup setup;
-    setup.options = {"-i", "1"};
+    setup.options = {"-i", "2"};
     Probe_Server server(setup);
     const auto silent = server.connect();
     const auto busy = server.connect();

@@ -33,8 +33,15 @@ inline size_t count_lines_so_far(const Host_Process& host, const std::string& pr
 /// Waits for exactly this line. @return false when it does not come in time.
 inline bool has_line(const Host_Process& host, const std::string& priority, const std::string& text)
 {
-    return host.wait_for_log(" " + priority + " " + text) &&
-           count_lines_so_far(host, priority, text) > 0;
+    const std::string part = " " + priority + " " + text;
+    // Lines that only begin like this one may come before it.
+    for (size_t others = 0; host.wait_for_log_count(part, others + 1);
+         others = host.count_log(part)) {
+        if (count_lines_so_far(host, priority, text) > 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 /// Returns when all has come that the host (at level debug or trace) has logged before this call.

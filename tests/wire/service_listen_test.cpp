@@ -49,7 +49,11 @@ public:
         return occupant;
     }
 
-    explicit Occupant(int family) : handle_(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+    explicit Occupant(int family) : handle_(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        const int on = 1; // connections of an earlier test may linger on the address
+        ::setsockopt(handle_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    }
 
     bool good() const { return good_; }
 

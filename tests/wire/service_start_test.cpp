@@ -241,7 +241,7 @@ TEST(HTTP_Service, directive_that_fails_ends_the_host_with_a_line_that_says_why)
          ": cannot load library nolibrary_xyz: "},
         {"dynamic HTTP_Service Service_Object * httpd:_make_Nothing() ''\n",
          ": library httpd has no symbol _make_Nothing"},
-        {"\ndynamic HTTP_Service nonsense\n", ", line 2: "},
+        {"\nnonsense HTTP_Service\n", ", line 2: syntax error"},
         {"# nothing\n", "no service is configured"},
     };
     for (const auto& row : rows) {
@@ -280,18 +280,22 @@ TEST(HTTP_Service, two_in_one_process_both_serve)
         folder.write("svc.conf", directive("First", "-p " + address + ":8080 -f " + handlers) +
                                      directive("Second", "-p " + address + ":8081")));
     ASSERT_TRUE(host->wait_for_log(RUNNING)) << host->log_text();
-    EXPECT_EQ(std::vector<std::string>{"Failed to listen HTTP " + address +
-                                       ":8080, errno=98, Address already in use"},
-              lines_of(*host, "ERROR"));
     std::vector<std::unique_ptr<Wire_Client>> clients;
     for (const auto port : {static_cast<unsigned short>(8080), static_cast<unsigned short>(8081)}) {
         clients.push_back(Wire_Client::tcp(address, port));
         ASSERT_NE(nullptr, clients.back());
         EXPECT_EQ("Hello, World!", clients.back()->exchange(get_request("/response/hello")).body);
+        clients.push_back(Wire_Client::tcp(address, port));
+        ASSERT_NE(nullptr, clients.back());
+        EXPECT_EQ("HTTPd",
+                  clients.back()->exchange(get_request("/response/thread/thread-name")).body);
     }
     // They are still open when the services end, in the reverse order of their start.
     EXPECT_EQ(0, host->stop(SIGTERM)) << host->log_text();
-    EXPECT_EQ(2U, count_log_lines(*host, "INFO", "response: handle_close"));
+    EXPECT_EQ(4U, count_log_lines(*host, "INFO", "response: handle_close"));
     EXPECT_EQ(1U, count_log_lines(*host, "INFO", "response: factory deleted"));
     EXPECT_EQ("INFO httpd_host has stopped.", log_lines(*host).back());
+    EXPECT_EQ(std::vector<std::string>{"Failed to listen HTTP " + address +
+                                       ":8080, errno=98, Address already in use"},
+              lines_of(*host, "ERROR"));
 }
