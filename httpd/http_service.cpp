@@ -157,7 +157,9 @@ void HTTP_Service::clear()
         // What has moved to a thread of its own is not known to the loops. The connections of
         // another service that goes on are not to be interrupted: the last one waits for all.
         drained_ = serving_services == 0 && Live_Connections::instance().drain(DRAIN_LIMIT);
-        if (!drained_) {
+        if (drained_) {
+            Event_Loop_Manager::free_abandoned();
+        } else {
             loops_.abandon();
         }
     }

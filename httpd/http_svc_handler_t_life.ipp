@@ -319,6 +319,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::spawn()
     Upcall* const upcall = upcall_;
     upcall_ = nullptr;
     Live_Connections::instance().enter_thread(this);
+    this->thr_mgr(&Live_Connections::instance().threads());
     constexpr long DETACHED_THREAD = 0x800042; // THR_EXPLICIT_SCHED | THR_DETACHED | THR_NEW_LWP
     if (Signals_Blocked guard; this->activate(DETACHED_THREAD, 1) == 0) {
         // `this` is the thread's now.

@@ -9,6 +9,8 @@
 #include <set>
 #include <string>
 
+class ACE_Thread_Manager;
+
 /**
  * Counts the connections of the process and knows those that live in worker threads, so that a
  * service can end without leaving anyone behind in a plug-in that is about to be unloaded.
@@ -40,15 +42,20 @@ public:
     void enter_thread(Worker* worker);
     void leave_thread(Worker* worker);
 
+    /// What the worker threads are to be started by, so that drain() can wait for them.
+    ACE_Thread_Manager& threads() { return threads_; }
+
     /**
-     * Interrupts the connections in worker threads and waits until no connection is left.
+     * Interrupts the connections in worker threads and waits until no connection is left and the
+     * threads have ended: one that still ends when the process does meets ACE's locks destroyed.
      * @return false when `limit` has passed before; an error line then names what is left.
      */
     bool drain(std::chrono::milliseconds limit);
 
 private:
-    Live_Connections() = default;
+    Live_Connections();
 
+    ACE_Thread_Manager& threads_;
     std::mutex mutex_;
     std::condition_variable changed_;
     size_t count_ = 0;

@@ -2,6 +2,7 @@
 
 #include "support/epoll_reactor.h"
 #include "support/log.h"
+#include "support/signals_blocked.h"
 
 #include <ace/Reactor.h>
 #include <ace/Task.h>
@@ -9,7 +10,6 @@
 
 #include <poll.h>
 #include <pthread.h>
-#include <signal.h>
 
 #include <atomic>
 #include <cerrno>
@@ -24,27 +24,6 @@ constexpr char REACTOR_TYPE[] = "epoll";
 
 // How long a loop rests when it cannot wait for events at all, rather than to spin.
 constexpr int ERROR_PAUSE_MILLISECONDS = 100;
-
-/// Blocks every signal in this thread, and thus in those that it starts, while it lives. Faults of
-/// the thread's own instructions stay as they are: blocked, they would pass by a crash handler.
-class Signal_Blocker {
-public:
-    Signal_Blocker()
-    {
-        sigset_t blocked;
-        ::sigfillset(&blocked);
-        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
-            ::sigdelset(&blocked, fault);
-        }
-        ::pthread_sigmask(SIG_BLOCK, &blocked, &previous_);
-    }
-    ~Signal_Blocker() { ::pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
-    Signal_Blocker(const Signal_Blocker&) = delete;
-    Signal_Blocker& operator=(const Signal_Blocker&) = delete;
-
-private:
-    sigset_t previous_;
-};
 
 /// One reactor and its thread. ACE spawns the thread, so that it inherits the starting thread's log
 /// stream and priorities; a thread manager of our own keeps it out of the host's waits for all
@@ -63,7 +42,7 @@ public:
             return false;
         }
         log_callback_ = ACE_Log_Msg::instance()->msg_callback();
-        const Signal_Blocker blocker;
+        const Signals_Blocked blocked;
         return this->activate(THR_NEW_LWP | THR_JOINABLE | THR_INHERIT_SCHED, 1) == 0;
     }
 
@@ -162,6 +141,9 @@ public:
         }
     }
 
+    static inline Impl* abandoned_ = nullptr; ///< the first of those that abandon() left
+    Impl* next_abandoned_ = nullptr;
+
 private:
     ACE_Thread_Manager threads_;
     std::vector<std::unique_ptr<Event_Loop>> loops_;
@@ -217,5 +199,16 @@ void Event_Loop_Manager::close()
 void Event_Loop_Manager::abandon()
 {
     this->close();
-    static_cast<void>(impl_.release());
+    if (impl_ != nullptr) {
+        impl_->next_abandoned_ = Impl::abandoned_;
+        Impl::abandoned_ = impl_.release();
+    }
+}
+
+void Event_Loop_Manager::free_abandoned()
+{
+    while (Impl::abandoned_ != nullptr) {
+        const std::unique_ptr<Impl> impl(Impl::abandoned_);
+        Impl::abandoned_ = impl->next_abandoned_;
+    }
 }

@@ -40,10 +40,15 @@ public:
      */
     void close();
 
-    /// close() without ever freeing the reactors: someone who cannot be waited for may hold one.
+    /// close() without freeing the reactors: someone who cannot be waited for may hold one.
     void abandon();
+
+    /// Frees the reactors of all abandoned managers: nobody holds one any more. Called by the
+    /// thread that configures the services, as abandon() is.
+    static void free_abandoned();
 
 private:
     class Impl;
+
     std::unique_ptr<Impl> impl_;
 };

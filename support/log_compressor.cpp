@@ -2,9 +2,9 @@
 
 #include "support/gzip_file.h"
 #include "support/log.h"
+#include "support/signals_blocked.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <new>
@@ -77,18 +77,12 @@ int Log_Compressor::add(Job&& job)
 /// Starts the thread with every signal blocked: signals are for the threads of the host.
 int Log_Compressor::start_thread()
 {
-    sigset_t all;
-    sigset_t previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    const Signals_Blocked blocked;
     running_ = true;
     process_ = getpid();
     const int result = ACE_Thread::spawn(&Log_Compressor::run, this, THR_NEW_LWP | THR_JOINABLE,
                                          nullptr, &thread_);
-    const int error = errno;
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     running_ = has_thread_ = result == 0;
-    errno = error;
     return result;
 }
 

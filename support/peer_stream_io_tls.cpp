@@ -142,7 +142,14 @@ ssize_t read_once(SSL* ssl, void* buffer, size_t length, int& events)
 
 int Peer_Stream_IO_T<ACE_SSL_SOCK_Stream>::prepare(ACE_SSL_SOCK_Stream& stream)
 {
-    return tls_ready(stream) == nullptr ? -1 : set_fd_nonblock(stream.get_handle(), true);
+    SSL* const ssl = tls_ready(stream);
+    if (ssl == nullptr) {
+        return -1;
+    }
+    // A record's header and body in one read. Not before the handshake is over: what the client
+    // sends with the last message of it would be taken from the socket, and no event tells of it.
+    SSL_set_read_ahead(ssl, 1);
+    return set_fd_nonblock(stream.get_handle(), true);
 }
 
 ssize_t Peer_Stream_IO_T<ACE_SSL_SOCK_Stream>::receive(ACE_SSL_SOCK_Stream& stream, void* buffer,

@@ -145,7 +145,6 @@ SSL* tls_ready(const ACE_SSL_SOCK_Stream& stream)
     // read ahead, see Peer_Stream_IO_T::pending().
     SSL_set_mode(ssl, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
                           SSL_MODE_RELEASE_BUFFERS | SSL_MODE_AUTO_RETRY);
-    SSL_set_read_ahead(ssl, 1); // a record's header and body in one read
     return ssl;
 }
 

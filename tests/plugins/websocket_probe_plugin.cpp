@@ -1,5 +1,6 @@
-// A WebSocket plug-in that behaves in every manner that the interface allows, chosen by the words of
-// the request's path below its own URI, and that logs each call that it gets as a line "ws: ...".
+// A WebSocket plug-in that behaves in every manner that the interface allows, chosen by the words
+// of the request's path below its own URI, and that logs each call that it gets as a line "ws:
+// ...".
 //
 // The last word is the mode: what a complete message, or another call, makes it do. Words before it
 // choose the thread ("thread", "reactive", "proactive") and more.
@@ -150,10 +151,8 @@ const std::map<std::string, WebSocket_Probe::Data_Mode>& WebSocket_Probe::data_m
         {"ignore", [](WebSocket_Probe&, std::string_view, bool) { return 0; }},
         {"data-fails", [](WebSocket_Probe&, std::string_view, bool) { return -1; }},
         // What it returns is a number in the piece itself.
-        {"returns",
-         [](WebSocket_Probe&, std::string_view piece, bool) {
-             return std::stoi(std::string(piece));
-         }},
+        {"returns", [](WebSocket_Probe&, std::string_view piece,
+                       bool) { return std::stoi(std::string(piece)); }},
         {"vector",
          [](WebSocket_Probe& self, std::string_view, bool) {
              const iovec iov[4] = {entry("Hel"), entry(""), entry("lo, "), entry("World!")};
@@ -197,9 +196,8 @@ const std::map<std::string, WebSocket_Probe::Data_Mode>& WebSocket_Probe::data_m
          [](WebSocket_Probe& self, std::string_view, bool) {
              for (const size_t size : {0U, 125U, 126U, 65535U, 65536U}) {
                  const std::string payload(size, 'x');
-                 HTTPD_INFO("ws: send_frame %d",
-                            static_cast<int>(self.io_->send_frame(payload.data(), payload.size(),
-                                                                  FINAL, TEXT)));
+                 HTTPD_INFO("ws: send_frame %d", static_cast<int>(self.io_->send_frame(
+                                                     payload.data(), payload.size(), FINAL, TEXT)));
              }
              return 0;
          }},
@@ -216,9 +214,9 @@ const std::map<std::string, WebSocket_Probe::Data_Mode>& WebSocket_Probe::data_m
         {"send-close",
          [](WebSocket_Probe& self, std::string_view, bool) {
              for (int i = 0; i < 2; ++i) {
-                 HTTPD_INFO("ws: send_close_frame %d",
-                            self.io_->send_close_frame(WebSocket_Data_Frame::CLOSE_GOING_AWAY,
-                                                       "bye", 3));
+                 HTTPD_INFO(
+                     "ws: send_close_frame %d",
+                     self.io_->send_close_frame(WebSocket_Data_Frame::CLOSE_GOING_AWAY, "bye", 3));
              }
              return 0;
          }},
@@ -233,11 +231,11 @@ const std::map<std::string, WebSocket_Probe::Data_Mode>& WebSocket_Probe::data_m
         // A reason without length, and a length without reason: neither is one.
         {"send-half-close",
          [](WebSocket_Probe& self, std::string_view piece, bool) {
-             HTTPD_INFO("ws: send_close_frame %d",
-                        piece == "no length"
-                            ? self.io_->send_close_frame(WebSocket_Data_Frame::CLOSE_NORMAL, "x", 0)
-                            : self.io_->send_close_frame(WebSocket_Data_Frame::CLOSE_NORMAL,
-                                                         nullptr, 7));
+             HTTPD_INFO(
+                 "ws: send_close_frame %d",
+                 piece == "no length"
+                     ? self.io_->send_close_frame(WebSocket_Data_Frame::CLOSE_NORMAL, "x", 0)
+                     : self.io_->send_close_frame(WebSocket_Data_Frame::CLOSE_NORMAL, nullptr, 7));
              return 0;
          }},
         {"shutdown",
@@ -259,15 +257,11 @@ const std::map<std::string, WebSocket_Probe::Data_Mode>& WebSocket_Probe::data_m
         {"ping",
          [](WebSocket_Probe& self, std::string_view, bool) { return self.ping(DONT_WAIT); }},
         // A word that begins with "wait" makes it wait; the rest it only logs.
-        {"ping-wait",
-         [](WebSocket_Probe& self, std::string_view piece, bool) {
-             return piece.substr(0, 4) == "wait" ? self.ping(WAIT) : 0;
-         }},
+        {"ping-wait", [](WebSocket_Probe& self, std::string_view piece,
+                         bool) { return piece.substr(0, 4) == "wait" ? self.ping(WAIT) : 0; }},
         // Waits each time, once it has seen a ping.
-        {"wait-in-close",
-         [](WebSocket_Probe& self, std::string_view piece, bool) {
-             return piece.substr(0, 4) == "wait" ? self.ping(WAIT) : 0;
-         }},
+        {"wait-in-close", [](WebSocket_Probe& self, std::string_view piece,
+                             bool) { return piece.substr(0, 4) == "wait" ? self.ping(WAIT) : 0; }},
     };
     return modes;
 }

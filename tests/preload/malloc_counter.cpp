@@ -11,6 +11,9 @@ std::atomic<unsigned long> allocations{0};
 
 } // namespace
 
+// Seen from outside whatever the compiler's default is; else they would replace nothing.
+#pragma GCC visibility push(default)
+
 // The C library's own functions under the names that it keeps for this purpose.
 extern "C" {
 void* __libc_malloc(std::size_t size);
@@ -26,6 +29,8 @@ void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept;
 void* memalign(std::size_t alignment, std::size_t size) noexcept;
 int posix_memalign(void** memory, std::size_t alignment, std::size_t size) noexcept;
 }
+
+#pragma GCC visibility pop
 
 unsigned long httpd_test_malloc_count()
 {

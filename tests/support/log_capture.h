@@ -11,7 +11,7 @@
 #include <vector>
 
 /**
- * Collects the log lines of this thread, and of threads that ACE spawns from it, while it lives;
+ * Collects the log lines of this thread while it lives (and of event loops that it opens);
  * nothing is printed meanwhile. Lines are kept as they were logged, final newline included.
  */
 class Log_Capture : public ACE_Log_Msg_Callback {

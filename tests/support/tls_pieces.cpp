@@ -22,22 +22,26 @@ Tls_Pieces::~Tls_Pieces()
     SSL_CTX_free(context_);
 }
 
-std::unique_ptr<Tls_Pieces> Tls_Pieces::connect(std::unique_ptr<Wire_Client> wire, int version)
+std::unique_ptr<Tls_Pieces> Tls_Pieces::connect(std::unique_ptr<Wire_Client> wire, int version,
+                                                const std::string& at_once)
 {
     if (wire == nullptr) {
         return nullptr;
     }
     std::unique_ptr<Tls_Pieces> client(new Tls_Pieces(std::move(wire), version));
-    return client->shake_hands() ? std::move(client) : nullptr;
+    return client->shake_hands(at_once) ? std::move(client) : nullptr;
 }
 
-bool Tls_Pieces::shake_hands()
+bool Tls_Pieces::shake_hands(const std::string& at_once)
 {
     for (;;) {
         ERR_clear_error();
         const int result = SSL_connect(ssl_);
         const int error = SSL_get_error(ssl_, result);
-        const std::string output = this->take_output();
+        std::string output = this->take_output();
+        if (result == 1 && !at_once.empty()) {
+            output += this->encrypt(at_once);
+        }
         if (!output.empty() && !wire_->send(output)) {
             return false;
         }

@@ -13,9 +13,13 @@
  */
 class Tls_Pieces {
 public:
-    /// Shakes hands over `wire`. `version`: TLS1_2_VERSION and so on, 0 for the newest; null (and a
-    /// message) when that fails.
-    static std::unique_ptr<Tls_Pieces> connect(std::unique_ptr<Wire_Client> wire, int version = 0);
+    /**
+     * Shakes hands over `wire`; null (and a message) when that fails.
+     * @param version   TLS1_2_VERSION and so on, 0 for the newest
+     * @param at_once   text that leaves with the last message of the handshake, in one piece
+     */
+    static std::unique_ptr<Tls_Pieces> connect(std::unique_ptr<Wire_Client> wire, int version = 0,
+                                               const std::string& at_once = "");
     ~Tls_Pieces();
     Tls_Pieces(const Tls_Pieces&) = delete;
     Tls_Pieces& operator=(const Tls_Pieces&) = delete;
@@ -34,7 +38,7 @@ public:
 private:
     Tls_Pieces(std::unique_ptr<Wire_Client> wire, int version);
 
-    bool shake_hands();
+    bool shake_hands(const std::string& at_once);
     std::string take_output();
 
     std::unique_ptr<Wire_Client> wire_;

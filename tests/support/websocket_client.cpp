@@ -1,6 +1,11 @@
 #include "tests/support/websocket_client.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 #include <cstdint>
+#include <utility>
 
 namespace {
 
@@ -77,6 +82,15 @@ std::string upgrade_request(const std::string& target, const std::vector<std::st
     std::vector<std::string> all = upgrade_fields();
     all.insert(all.end(), fields.begin(), fields.end());
     return get_request(target, all);
+}
+
+WebSocket_Client::WebSocket_Client(std::unique_ptr<Wire_Client> wire) : wire_(std::move(wire))
+{
+    if (wire_ != nullptr) {
+        // Each send goes out as it is; other sockets than TCP's do so anyway.
+        const int on = 1;
+        ::setsockopt(wire_->handle(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    }
 }
 
 bool WebSocket_Client::open(const std::string& target, const std::vector<std::string>& fields,

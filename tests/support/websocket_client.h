@@ -58,7 +58,7 @@ std::string upgrade_request(const std::string& target, const std::vector<std::st
 /// The client's end of a WebSocket connection over any kind of stream.
 class WebSocket_Client {
 public:
-    explicit WebSocket_Client(std::unique_ptr<Wire_Client> wire) : wire_(std::move(wire)) {}
+    explicit WebSocket_Client(std::unique_ptr<Wire_Client> wire);
 
     /**
      * Sends an upgrade request, with `frames` right behind it.

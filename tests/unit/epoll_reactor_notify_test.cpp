@@ -494,7 +494,7 @@ TEST(Epoll_Reactor_Notify, a_handler_suspended_by_its_loop_is_resumed_by_another
     a.probe->on_input = [&](ACE_HANDLE) { return loop.reactor.suspend_handler(a.probe); };
     ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
     a.pair.send();
-    for (int i = 1; i <= 500; ++i) {
+    for (int i = 1; i <= 200; ++i) {
         while (a.record.inputs < i) {
             std::this_thread::yield();
         }
@@ -556,10 +556,10 @@ TEST(Epoll_Reactor_Notify, threads_register_suspend_notify_schedule_and_remove_w
 TEST(Epoll_Reactor_Notify, a_handler_removed_before_its_registration_has_returned_leaves_nothing)
 {
     Loop loop;
-    constexpr int TURNS = 5000;
+    constexpr int TURNS = 3000;
     std::vector<std::unique_ptr<Pair_Probe>> probes;
-    for (int i = 0; i < TURNS; ++i) {
-        if (i % 100 == 0) {
+    for (int turn = 0; turn < TURNS; ++turn) {
+        if (turn % 100 == 0) {
             EXPECT_EQ(loop.reactor.work_pending(), 0);
             probes.clear();
         }
@@ -569,10 +569,14 @@ TEST(Epoll_Reactor_Notify, a_handler_removed_before_its_registration_has_returne
         std::atomic<bool> ready{false};
         std::thread remover([&] {
             ready = true;
-            while (loop.reactor.remove_handler(probe, ALL | DONT_CALL) == -1) {
+            for (int i = 0; loop.reactor.remove_handler(probe, ALL | DONT_CALL) == -1; ++i) {
+                if (i % 1000 == 999) {
+                    std::this_thread::yield();
+                }
             }
         });
         while (!ready) {
+            std::this_thread::yield();
         }
         EXPECT_EQ(loop.reactor.register_handler(probe, READ), 0);
         remover.join();

@@ -15,7 +15,6 @@ namespace {
 
 constexpr ACE_Reactor_Mask READ = ACE_Event_Handler::READ_MASK;
 constexpr ACE_Reactor_Mask WRITE = ACE_Event_Handler::WRITE_MASK;
-constexpr ACE_Reactor_Mask EXCEPT = ACE_Event_Handler::EXCEPT_MASK;
 constexpr ACE_Reactor_Mask ALL = ACE_Event_Handler::ALL_EVENTS_MASK;
 constexpr ACE_Reactor_Mask DONT_CALL = ACE_Event_Handler::DONT_CALL;
 

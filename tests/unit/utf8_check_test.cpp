@@ -63,10 +63,10 @@ TEST(UTF8_Check, accepts_the_first_and_last_character_of_each_range)
     const struct {
         unsigned long point;
         int length;
-    } cases[] = {{0x00, 1},    {0x24, 1},    {0x7F, 1},    {0x80, 2},     {0x7FF, 2},
-                 {0x800, 3},   {0xFFF, 3},   {0x1000, 3},  {0xCFFF, 3},   {0xD000, 3},
-                 {0xD7FF, 3},  {0xE000, 3},  {0xFFFD, 3},  {0xFFFE, 3},   {0xFFFF, 3},
-                 {0x10000, 4}, {0x3FFFF, 4}, {0x40000, 4}, {0xFFFFF, 4},  {0x100000, 4},
+    } cases[] = {{0x00, 1},    {0x24, 1},    {0x7F, 1},    {0x80, 2},    {0x7FF, 2},
+                 {0x800, 3},   {0xFFF, 3},   {0x1000, 3},  {0xCFFF, 3},  {0xD000, 3},
+                 {0xD7FF, 3},  {0xE000, 3},  {0xFFFD, 3},  {0xFFFE, 3},  {0xFFFF, 3},
+                 {0x10000, 4}, {0x3FFFF, 4}, {0x40000, 4}, {0xFFFFF, 4}, {0x100000, 4},
                  {0x10FFFF, 4}};
     for (const auto& entry : cases) {
         expect_text(encode(entry.point, entry.length), true);
@@ -85,8 +85,8 @@ TEST(UTF8_Check, refuses_overlong_forms)
     const struct {
         unsigned long point;
         int length;
-    } cases[] = {{0x00, 2}, {0x2F, 2}, {0x7F, 2}, {0x00, 3},   {0x2F, 3},  {0x7FF, 3},
-                 {0x00, 4}, {0x2F, 4}, {0x7FF, 4}, {0xFFFF, 4}};
+    } cases[] = {{0x00, 2},  {0x2F, 2}, {0x7F, 2}, {0x00, 3},  {0x2F, 3},
+                 {0x7FF, 3}, {0x00, 4}, {0x2F, 4}, {0x7FF, 4}, {0xFFFF, 4}};
     for (const auto& entry : cases) {
         expect_text(encode(entry.point, entry.length), false);
     }

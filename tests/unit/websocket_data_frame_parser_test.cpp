@@ -206,7 +206,8 @@ TEST(WebSocket_Data_Frame_Parser, asks_for_more_without_input)
 TEST(WebSocket_Data_Frame_Parser, decodes_each_kind_of_frame)
 {
     const std::string payload = "payload";
-    for (const unsigned opcode : {0U, 2U, 3U, 4U, 5U, 6U, 7U, 8U, 9U, 10U, 11U, 12U, 13U, 14U, 15U}) {
+    for (const unsigned opcode :
+         {0U, 2U, 3U, 4U, 5U, 6U, 7U, 8U, 9U, 10U, 11U, 12U, 13U, 14U, 15U}) {
         expect_frames(websocket_frame(opcode, payload),
                       {{opcode, true, true, opcode == WS_BINARY, payload.size(), payload}});
     }
@@ -226,17 +227,15 @@ TEST(WebSocket_Data_Frame_Parser, tells_a_frame_without_payload_once)
     expect_frames(websocket_frame(WS_TEXT, ""), {text("")});
     expect_frames(websocket_fragment(WS_TEXT, ""), {{WS_TEXT, false, false, false, 0, ""}});
     expect_frames(websocket_frame(WS_CLOSE, ""), {{WS_CLOSE, true, true, false, 0, ""}});
-    expect_frames(websocket_frame(WS_PING, "") + websocket_frame(WS_PONG, "") +
-                      websocket_frame(WS_TEXT, ""),
-                  {{WS_PING, true, true, false, 0, ""},
-                   {WS_PONG, true, true, false, 0, ""},
-                   text("")});
+    expect_frames(
+        websocket_frame(WS_PING, "") + websocket_frame(WS_PONG, "") + websocket_frame(WS_TEXT, ""),
+        {{WS_PING, true, true, false, 0, ""}, {WS_PONG, true, true, false, 0, ""}, text("")});
 }
 
 TEST(WebSocket_Data_Frame_Parser, decodes_each_form_of_the_length_at_its_borders)
 {
-    for (const size_t length : {0U, 1U, 2U, 124U, 125U, 126U, 127U, 128U, 255U, 256U, 65534U,
-                                65535U, 65536U, 65537U}) {
+    for (const size_t length :
+         {0U, 1U, 2U, 124U, 125U, 126U, 127U, 128U, 255U, 256U, 65534U, 65535U, 65536U, 65537U}) {
         std::string payload(length, '\0');
         for (size_t i = 0; i < length; ++i) {
             payload[i] = static_cast<char>(i * 31 + length);
@@ -248,9 +247,9 @@ TEST(WebSocket_Data_Frame_Parser, decodes_each_form_of_the_length_at_its_borders
             continue;
         }
         // Cuts within the header and around the payload's ends are enough for the long ones.
-        for (const size_t cut : {size_t{1}, size_t{2}, size_t{3}, size_t{4}, size_t{8}, size_t{9},
-                                 size_t{10}, size_t{13}, size_t{14}, size_t{15}, bytes.size() - 1,
-                                 bytes.size()}) {
+        for (const size_t cut :
+             {size_t{1}, size_t{2}, size_t{3}, size_t{4}, size_t{8}, size_t{9}, size_t{10},
+              size_t{13}, size_t{14}, size_t{15}, bytes.size() - 1, bytes.size()}) {
             Session session;
             session.feed(bytes.substr(0, cut));
             session.feed(bytes.substr(cut));
@@ -396,8 +395,18 @@ TEST(WebSocket_Data_Frame_Parser, refuses_malformed_text_at_the_byte_that_makes_
         const char* payload;
         size_t bad; ///< the byte that no text has there
     } cases[] = {
-        {"\xFF" "abc", 0},      {"abc\x80" "def", 3},      {"\xC0\xAF", 0}, {"ab\xE0\x9F\xBF", 3},
-        {"\xED\xA0\x80", 1}, {"\xF4\x90\x80\x80", 1}, {"\xF5z", 0},   {"\xE2\x82z", 2},
+        {"\xFF"
+         "abc",
+         0},
+        {"abc\x80"
+         "def",
+         3},
+        {"\xC0\xAF", 0},
+        {"ab\xE0\x9F\xBF", 3},
+        {"\xED\xA0\x80", 1},
+        {"\xF4\x90\x80\x80", 1},
+        {"\xF5z", 0},
+        {"\xE2\x82z", 2},
     };
     constexpr size_t HEADER = 6;
     for (const auto& entry : cases) {
@@ -476,11 +485,11 @@ TEST(WebSocket_Data_Frame_Parser, leaves_the_next_frame_untouched)
 TEST(WebSocket_Data_Frame_Parser, reset_makes_it_new)
 {
     const std::string starts[] = {
-        with_reserved(1),                                // refused
-        websocket_fragment(WS_BINARY, "abc"),            // within a message
-        websocket_fragment(WS_TEXT, "\xE2"),             // within a character
-        websocket_frame(WS_TEXT, "Hello").substr(0, 8),  // within a payload
-        websocket_frame(WS_TEXT, "Hello").substr(0, 5),  // within a key
+        with_reserved(1),                                  // refused
+        websocket_fragment(WS_BINARY, "abc"),              // within a message
+        websocket_fragment(WS_TEXT, "\xE2"),               // within a character
+        websocket_frame(WS_TEXT, "Hello").substr(0, 8),    // within a payload
+        websocket_frame(WS_TEXT, "Hello").substr(0, 5),    // within a key
         with_length_bytes(WS_BINARY, 300, 2).substr(0, 3), // within a length
     };
     for (const std::string& start : starts) {
@@ -519,14 +528,16 @@ TEST(WebSocket_Data_Frame_Parser, decodes_what_the_encoder_writes)
             const bool control = random() % 4 == 0;
             const bool fin = control || random() % 2 == 0;
             const bool binary = random() % 2 == 0;
-            const size_t length = control ? random() % 126 : random() % 3 == 0 ? random() % 70000
-                                                                               : random() % 200;
+            const size_t length = control             ? random() % 126
+                                  : random() % 3 == 0 ? random() % 70000
+                                                      : random() % 200;
             std::string payload(length, '\0');
             for (char& byte : payload) {
                 byte = static_cast<char>(random() % 128); // a text as well
             }
-            const auto opcode = static_cast<unsigned char>(control ? WS_PING : binary ? WS_BINARY
-                                                                                     : WS_TEXT);
+            const auto opcode = static_cast<unsigned char>(control  ? WS_PING
+                                                           : binary ? WS_BINARY
+                                                                    : WS_TEXT);
             encoder.init(fin, opcode, length, MASK);
             iovec out[2];
             const int entries = encoder.to_iovec(out, 2, payload.data(), length);

@@ -12,7 +12,6 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -28,11 +27,13 @@ Probe_Server::Setup traced(const std::vector<std::string>& options = {})
     return setup;
 }
 
-bool has_match(const Host_Process& host, const std::string& pattern)
+/// A line of that priority whose text has this begin and this end.
+bool has_line_like(const Host_Process& host, const std::string& priority, const std::string& begin,
+                   const std::string& end)
 {
-    const std::regex expression(pattern);
     for (const std::string& line : host.log()) {
-        if (std::regex_search(line, expression)) {
+        const std::string rest = line.substr(line.find(' ') + 1);
+        if (rest.starts_with(priority + " " + begin) && rest.ends_with(end)) {
             return true;
         }
     }
@@ -142,10 +143,10 @@ TEST(Connection_Life, is_told_in_the_debug_log)
     const std::string peer = peer_text(*client);
     EXPECT_EQ(200, client->exchange(get_request("/probe/hello")).status);
     EXPECT_TRUE(has_line(server.host(), "DEBUG", "HTTP connection is established by " + peer));
-    EXPECT_TRUE(has_match(server.host(),
-                          " DEBUG Scheduled HTTP idle timer [0-9]+ after HTTP established\\.$"));
+    EXPECT_TRUE(has_line_like(server.host(), "DEBUG", "Scheduled HTTP idle timer ",
+                              " after HTTP established."));
     EXPECT_TRUE(server.host().wait_for_log("HTTP connection received"));
-    EXPECT_TRUE(has_match(server.host(), " TRACE .*HTTP connection received"));
+    EXPECT_TRUE(has_line_like(server.host(), "TRACE", "HTTP connection received", ""));
     client.reset();
     EXPECT_TRUE(
         has_line(server.host(), "DEBUG", "Cancelled 1 timers by handle_close " + peer + "."));

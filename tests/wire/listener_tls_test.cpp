@@ -126,6 +126,25 @@ TEST(HTTP_TLS_Listener, handles_a_whole_record_without_waiting_for_more_input)
     EXPECT_EQ(0, server.host().stop(SIGTERM));
 }
 
+TEST(HTTP_TLS_Listener, request_that_comes_with_the_end_of_the_handshake_is_served)
+{
+    Listener_Server server(Listener_Kind::TLS);
+    const std::string upload = body_request("POST", "/probe/count", std::string(9000, 'b'));
+    for (const std::string& requests :
+         {get_request("/probe/hello"), get_request("/probe/thread"),
+          upload + get_request("/probe/hello"), get_request("/probe/hello").substr(0, 20)}) {
+        const auto client = Tls_Pieces::connect(Wire_Client::tcp(server.address(), server.port()),
+                                                TLS1_3_VERSION, requests);
+        ASSERT_NE(nullptr, client);
+        if (requests.find("\r\n\r\n") == std::string::npos) { // the rest comes later
+            ASSERT_TRUE(
+                client->wire().send(client->encrypt(get_request("/probe/hello").substr(20))));
+        }
+        EXPECT_NE(std::string::npos, client->read_until("Hello, World!").find("Hello, World!"));
+    }
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+}
+
 TEST(HTTP_TLS_Listener, delivers_a_mebibyte_in_full_records)
 {
     Listener_Server server(Listener_Kind::TLS, one_loop());

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +16,9 @@ namespace fs = std::filesystem;
 constexpr bool HEAD_ONLY = true;
 constexpr const char* SECRET = "SECRET-OUTSIDE";
 constexpr const char* PAGE = "0123456789abcdef";
+
+/// More than the socket buffers of both sides hold: while nobody reads, it is still being sent.
+constexpr size_t LARGE = 16 * 1024 * 1024;
 
 /// Bytes that tell where they stand.
 std::string numbered_bytes(size_t length, const std::string& mark)
@@ -73,15 +74,6 @@ protected:
     Wire_Response get(const std::string& target, const std::vector<std::string>& fields = {})
     {
         return client_->exchange(get_request(target, fields));
-    }
-
-    /// A connection that takes in little before its owner reads.
-    std::unique_ptr<Wire_Client> connect_slowly() const
-    {
-        auto client = server_->connect();
-        const int size = 8192;
-        ::setsockopt(client->handle(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-        return client;
     }
 
     void expect_service()
@@ -395,9 +387,9 @@ TEST_F(Files_Plug_In, links_that_stay_inside_are_followed)
 
 TEST_F(Files_Plug_In, slow_reader_of_a_large_file_holds_nobody_up)
 {
-    const std::string large = numbered_bytes(16 * 1024 * 1024, "L");
+    const std::string large = numbered_bytes(LARGE, "L");
     folder_.write("root/large.bin", large);
-    const auto slow = this->connect_slowly();
+    const auto slow = server_->connect();
     ASSERT_NE(nullptr, slow);
     ASSERT_TRUE(slow->send(get_request("/files/large.bin")));
     const std::string begin = slow->read_exactly(100); // it is being sent
@@ -414,11 +406,11 @@ TEST_F(Files_Plug_In, slow_reader_of_a_large_file_holds_nobody_up)
 
 TEST_F(Files_Plug_In, file_replaced_while_it_is_sent_goes_out_as_it_was)
 {
-    const std::string old_text = numbered_bytes(8 * 1024 * 1024, "old");
-    const std::string new_text = numbered_bytes(8 * 1024 * 1024, "new");
+    const std::string old_text = numbered_bytes(LARGE, "old");
+    const std::string new_text = numbered_bytes(LARGE, "new");
     folder_.write("root/large.bin", old_text);
     folder_.write("new.bin", new_text);
-    const auto slow = this->connect_slowly();
+    const auto slow = server_->connect();
     ASSERT_NE(nullptr, slow);
     ASSERT_TRUE(slow->send(get_request("/files/large.bin")));
     const std::string begin = slow->read_exactly(1);
@@ -432,15 +424,15 @@ TEST_F(Files_Plug_In, file_replaced_while_it_is_sent_goes_out_as_it_was)
 
 TEST_F(Files_Plug_In, file_that_shrinks_while_it_is_sent_ends_short)
 {
-    folder_.write("root/large.bin", numbered_bytes(16 * 1024 * 1024, "L"));
-    const auto slow = this->connect_slowly();
+    folder_.write("root/large.bin", numbered_bytes(LARGE, "L"));
+    const auto slow = server_->connect();
     ASSERT_NE(nullptr, slow);
     ASSERT_TRUE(slow->send(get_request("/files/large.bin")));
     const std::string begin = slow->read_exactly(1);
     fs::resize_file(this->root() + "/large.bin", 1024);
     const std::string rest = slow->read_to_end();
     EXPECT_TRUE(slow->at_end());
-    EXPECT_LT(begin.size() + rest.size(), 16U * 1024 * 1024);
+    EXPECT_LT(begin.size() + rest.size(), LARGE);
     EXPECT_TRUE(server_->host().wait_for_log(
         " ERROR The file of '/files/large.bin' became shorter while it was sent"));
     this->expect_service();

@@ -11,7 +11,6 @@
 #include <csignal>
 #include <fstream>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -123,6 +122,15 @@ std::vector<std::string> lines_of(const std::string& path)
     return lines;
 }
 
+/// The text with every digit made 0.
+std::string masked(std::string text)
+{
+    for (char& c : text) {
+        c = c >= '0' && c <= '9' ? '0' : c;
+    }
+    return text;
+}
+
 /// A server with an access log.
 class Logging_Server {
 public:
@@ -134,13 +142,13 @@ public:
     std::vector<std::string> access_lines()
     {
         EXPECT_EQ(0, server_.host().stop(SIGTERM));
-        const std::regex form(
-            R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}@127\.0\.0\.1@\d+\.\d{6}@(.*))");
         std::vector<std::string> rest;
         for (const std::string& line : lines_of(folder_.path() + "/access.log")) {
-            std::smatch match;
-            EXPECT_TRUE(std::regex_match(line, match, form)) << line;
-            rest.push_back(match.size() == 2 ? match[1].str() : line);
+            const size_t peer = line.find("@127.0.0.1@");
+            const size_t request = line.rfind('@');
+            EXPECT_EQ("0000-00-00 00:00:00.000000", masked(line.substr(0, peer))) << line;
+            EXPECT_EQ("0.000000", masked(line.substr(peer + 11, request - peer - 11))) << line;
+            rest.push_back(line.substr(request + 1));
         }
         return rest;
     }

@@ -113,7 +113,8 @@ TEST(WebSocket_Handshake, finds_the_token_in_the_list_of_connection)
     for (const std::string value :
          {"keep-alive, Upgrade", "Upgrade,keep-alive", "upgrade", "UPGRADE", "a,\t Upgrade ,b"}) {
         const auto client = server.connect();
-        EXPECT_EQ(101, client->exchange(get_request("/ws", fields_with("Connection", value))).status)
+        EXPECT_EQ(101,
+                  client->exchange(get_request("/ws", fields_with("Connection", value))).status)
             << value;
     }
 }
@@ -121,7 +122,8 @@ TEST(WebSocket_Handshake, finds_the_token_in_the_list_of_connection)
 TEST(WebSocket_Handshake, refuses_a_connection_without_the_token)
 {
     Probe_Server server(websocket_setup());
-    for (const std::string value : {"upgrade-please", "keep-alive", "Up grade", "keep-alive Upgrade"}) {
+    for (const std::string value :
+         {"upgrade-please", "keep-alive", "Up grade", "keep-alive Upgrade"}) {
         EXPECT_EQ(400, refused(server, "/ws", fields_with("Connection", value))) << value;
         EXPECT_TRUE(has_line(server.host(), "ERROR",
                              "HTTP head 'Connection' is '" + value +
@@ -142,9 +144,8 @@ TEST(WebSocket_Handshake, refuses_a_request_without_version)
 {
     Probe_Server server(websocket_setup());
     EXPECT_EQ(400, refused(server, "/ws", fields_without("Sec-WebSocket-Version")));
-    EXPECT_TRUE(
-        has_line(server.host(), "ERROR",
-                 "Lack of HTTP head 'Sec-WebSocket-Version' when handshaking WebSocket."));
+    EXPECT_TRUE(has_line(server.host(), "ERROR",
+                         "Lack of HTTP head 'Sec-WebSocket-Version' when handshaking WebSocket."));
 }
 
 TEST(WebSocket_Handshake, answers_501_to_every_other_version)
@@ -183,10 +184,12 @@ TEST(WebSocket_Handshake, checks_in_order_and_stops_at_the_first_failure)
     EXPECT_EQ(400, refused(server, "/none", {"Upgrade: websocket"}));
     EXPECT_EQ(400, refused(server, "/none", {"Upgrade: websocket", "Connection: close"}));
     EXPECT_EQ(400, refused(server, "/none", {"Upgrade: websocket", "Connection: Upgrade"}));
-    EXPECT_EQ(501, refused(server, "/none", {"Upgrade: websocket", "Connection: Upgrade",
-                                             "Sec-WebSocket-Version: 12"}));
-    EXPECT_EQ(400, refused(server, "/none", {"Upgrade: websocket", "Connection: Upgrade",
-                                             "Sec-WebSocket-Version: 13"}));
+    EXPECT_EQ(501,
+              refused(server, "/none",
+                      {"Upgrade: websocket", "Connection: Upgrade", "Sec-WebSocket-Version: 12"}));
+    EXPECT_EQ(400,
+              refused(server, "/none",
+                      {"Upgrade: websocket", "Connection: Upgrade", "Sec-WebSocket-Version: 13"}));
     EXPECT_EQ(404, refused(server, "/none", upgrade_fields()));
     ASSERT_TRUE(has_line(server.host(), "DEBUG", "Not found WebSocket uri '/none'."));
     size_t errors = 0;
@@ -281,9 +284,8 @@ TEST(WebSocket_Handshake, takes_the_first_sub_protocol_that_is_offered)
         ASSERT_TRUE(client.open("/ws", {std::string("Sec-WebSocket-Protocol: ") + entry.offer}));
         EXPECT_EQ(entry.choice, client.response().field("sec-websocket-protocol")) << entry.offer;
         ASSERT_TRUE(server.host().wait_for_log("ws: handle_handshaked"));
-        EXPECT_EQ((Texts{"handle_handshaking off=3",
-                         std::string("select_protocol ") + entry.list, "concurrency",
-                         "handle_handshaked"}),
+        EXPECT_EQ((Texts{"handle_handshaking off=3", std::string("select_protocol ") + entry.list,
+                         "concurrency", "handle_handshaked"}),
                   calls(server.host()));
     }
 }
@@ -315,7 +317,8 @@ TEST(WebSocket_Handshake, takes_websocket_in_any_case_and_nothing_else)
 {
     Probe_Server server(websocket_setup());
     const auto client = server.connect();
-    EXPECT_EQ(101, client->exchange(get_request("/ws", fields_with("Upgrade", "WebSocket"))).status);
+    EXPECT_EQ(101,
+              client->exchange(get_request("/ws", fields_with("Upgrade", "WebSocket"))).status);
     EXPECT_EQ(501, refused(server, "/ws", fields_with("Upgrade", "h2c")));
     EXPECT_TRUE(has_line(server.host(), "ERROR",
                          "HTTP client wants to upgrade to 'h2c' that is not implemented."));
@@ -333,6 +336,7 @@ TEST(WebSocket_Handshake, asks_the_authenticator_after_the_101)
         EXPECT_EQ("hello", client.read().payload);
         client.send(WS_TEXT, "x");
         EXPECT_EQ("x", client.read().payload);
+        flush_log(server);
         std::vector<std::string> order;
         for (const std::string& line : server.host().log()) {
             if (line.find("probe: authenticate") != std::string::npos) {
