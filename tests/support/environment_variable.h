@@ -3,7 +3,8 @@
 #include <cstdlib>
 #include <string>
 
-/// Sets a variable of this process, and so of the processes that it starts, for as long as it lives.
+/// Sets a variable of this process, and so of the processes that it starts, for as long as it
+/// lives.
 class Environment_Variable {
 public:
     Environment_Variable(const char* name, const std::string& value) : name_(name)

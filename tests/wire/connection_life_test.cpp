@@ -143,9 +143,9 @@ TEST(Connection_Life, is_told_in_the_debug_log)
     const std::string peer = peer_text(*client);
     EXPECT_EQ(200, client->exchange(get_request("/probe/hello")).status);
     EXPECT_TRUE(has_line(server.host(), "DEBUG", "HTTP connection is established by " + peer));
+    EXPECT_TRUE(server.host().wait_for_log("HTTP connection received"));
     EXPECT_TRUE(has_line_like(server.host(), "DEBUG", "Scheduled HTTP idle timer ",
                               " after HTTP established."));
-    EXPECT_TRUE(server.host().wait_for_log("HTTP connection received"));
     EXPECT_TRUE(has_line_like(server.host(), "TRACE", "HTTP connection received", ""));
     client.reset();
     EXPECT_TRUE(

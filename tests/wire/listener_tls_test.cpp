@@ -223,14 +223,17 @@ TEST(HTTP_TLS_Listener, header_and_small_body_leave_in_one_record)
 TEST(HTTP_TLS_Listener, silent_client_is_given_up)
 {
     Listener_Server server(Listener_Kind::TLS, short_accept());
-    expect_service(server);
+    const auto other = server.connect();
+    ASSERT_NE(nullptr, other);
+    expect_hello(*other);
     const size_t before = process_descriptors(server.host().pid()).count;
     const auto silent = Wire_Client::tcp(server.address(), server.port());
     ASSERT_NE(nullptr, silent);
     EXPECT_TRUE(wait_for_exact_line(server.host(), failed_accept(local_name_of(silent->handle()))));
     EXPECT_TRUE(silent->is_closed_by_peer());
+    EXPECT_EQ(before, process_descriptors(server.host().pid()).count);
+    expect_hello(*other);
     expect_service(server);
-    EXPECT_LE(process_descriptors(server.host().pid()).count, before);
     EXPECT_EQ(0, server.host().stop(SIGTERM));
 }
 
@@ -290,13 +293,14 @@ TEST(HTTP_TLS_Listener, versions_from_1_2_up_are_spoken)
         ASSERT_TRUE(client->wire().send(client->encrypt(get_request("/probe/hello"))));
         EXPECT_EQ(0U, client->read_until("Hello, World!").find("HTTP/1.1 200 OK"));
     }
-    EXPECT_EQ(Lines(), texts_of(server.host(), "ERROR"));
     EXPECT_EQ(nullptr, connect(TLS1_1_VERSION));
-    EXPECT_TRUE(server.host().wait_for_log(" ERROR Failed to accept connection from '127."));
     EXPECT_EQ(nullptr, connect(TLS1_VERSION));
-    EXPECT_TRUE(
-        server.host().wait_for_log_count(" ERROR Failed to accept connection from '127.", 2));
     EXPECT_EQ(0, server.host().stop(SIGTERM));
+    const Lines errors = texts_of(server.host(), "ERROR");
+    ASSERT_EQ(2U, errors.size()); // of the two old versions alone
+    for (const std::string& error : errors) {
+        EXPECT_EQ(0U, error.find("Failed to accept connection from '127.")) << error;
+    }
 }
 
 TEST(HTTP_TLS_Listener, end_without_close_notify_is_an_ordinary_end)

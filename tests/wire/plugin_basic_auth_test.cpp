@@ -114,6 +114,7 @@ TEST_F(Basic_Auth_Plug_In, guards_what_is_below_its_uri_and_nothing_else)
     }
     // Where the plug-in is another one, it is asked only behind the password.
     EXPECT_EQ("Hello, World!", this->get("/private/probe/hello", {ANNA_OPEN_SESAME}).body);
+    EXPECT_EQ(0, server_->host().stop(SIGTERM)); // the log is complete
     EXPECT_EQ(1U, server_->host().count_log("probe: handle_request"));
 }
 
@@ -172,5 +173,6 @@ TEST_F(Basic_Auth_Plug_In, broken_or_missing_file_leaves_the_users_in_force)
     EXPECT_TRUE(server_->host().wait_for_log_count(" ERROR basic_auth: ", 2));
     this->replace_users(CHANGED);
     EXPECT_EQ(200, this->get("/private/page.html", {ANNA_CHANGED}).status);
+    EXPECT_EQ(0, server_->host().stop(SIGTERM)); // the log is complete
     EXPECT_EQ(2U, server_->host().count_log(" ERROR basic_auth: "));
 }

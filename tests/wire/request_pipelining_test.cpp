@@ -141,7 +141,7 @@ public:
     /// Stops the server. @return the lines without date, peer and duration, which are checked.
     std::vector<std::string> access_lines()
     {
-        EXPECT_EQ(0, server_.host().stop(SIGTERM));
+        EXPECT_EQ(0, server_.host().stop(SIGTERM)) << server_.host().log_text();
         std::vector<std::string> rest;
         for (const std::string& line : lines_of(folder_.path() + "/access.log")) {
             const size_t peer = line.find("@127.0.0.1@");

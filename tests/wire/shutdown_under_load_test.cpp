@@ -171,7 +171,7 @@ TEST_F(HTTP_Shutdown, closes_idle_connections_of_every_kind)
     EXPECT_EQ(HELLO, loop->exchange(get_request("/probe/hello")).body);
     EXPECT_EQ(HELLO, thread->exchange(get_request("/probe/thread")).body);
     EXPECT_EQ(HELLO, tls->exchange(get_request("/probe/hello")).body);
-    EXPECT_EQ(HELLO, tls_thread->exchange(get_request("/probe/thread")).body) << server_->host().log_text();
+    EXPECT_EQ(HELLO, tls_thread->exchange(get_request("/probe/thread")).body);
     ASSERT_TRUE(half->send("POST /probe/count HTTP/1.1\r\nContent-Length: 10\r\n\r\nhalf"));
     ASSERT_TRUE(
         half_thread->send("POST /probe/thread/count HTTP/1.1\r\nContent-Length: 10\r\n\r\nhalf"));
