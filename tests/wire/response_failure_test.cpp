@@ -42,6 +42,12 @@ struct Large_Response {
     const char* state;
 };
 
+/// What the test runner prints of it.
+[[maybe_unused]] void PrintTo(const Large_Response& response, std::ostream* out)
+{
+    *out << response.how;
+}
+
 constexpr Large_Response LARGE_RESPONSES[] = {
     {"head", "headers", "HTTP_SOCK_STATE_HEADER_SENDING"},
     {"head-vector", "headers", "HTTP_SOCK_STATE_HEADER_SENDING"},

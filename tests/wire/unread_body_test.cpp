@@ -18,6 +18,12 @@ struct Target {
     const char* field; ///< a further field, or ""
 };
 
+/// What the test runner prints of it.
+[[maybe_unused]] void PrintTo(const Target& target, std::ostream* out)
+{
+    *out << target.name;
+}
+
 /// Every bundled plug-in, answering early, at the end of the body, or with an error.
 const Target TARGETS[] = {
     {"file", "/files/page.html", "X-Any: 1"},
