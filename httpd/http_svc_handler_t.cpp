@@ -52,9 +52,9 @@ constexpr bool PATH = true;
 
 int copy_inet_addr(const ACE_INET_Addr& from, ACE_Addr& to)
 {
-    ACE_INET_Addr* const target =
-        to.get_type() == AF_INET || to.get_type() == AF_INET6 ? dynamic_cast<ACE_INET_Addr*>(&to)
-                                                              : nullptr;
+    ACE_INET_Addr* const target = to.get_type() == AF_INET || to.get_type() == AF_INET6
+                                      ? dynamic_cast<ACE_INET_Addr*>(&to)
+                                      : nullptr;
     if (target == nullptr) {
         errno = EINVAL;
         return -1;

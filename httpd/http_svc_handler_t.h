@@ -208,18 +208,18 @@ private:
     WebSocket_Data_Frame ws_frame_;
     Object_var<Object_Creator_T<WebSocket_Handler>, WebSocket_Handler> ws_handler_;
     std::atomic<CONCURRENT_STATE> concurrent_state_{STATE_INITIAL};
-    long interval_timer_id_ = -1; ///< the repeating timer: idle time or ping interval
-    long ping_timer_id_ = -1;     ///< the one-shot ping timeout
+    long interval_timer_id_ = -1;    ///< the repeating timer: idle time or ping interval
+    long ping_timer_id_ = -1;        ///< the one-shot ping timeout
     ACE_Time_Value last_input_time_; ///< by the loop's timer clock
 
     /// Declared length of a kept-alive counted response. Not the request's: a plug-in may answer
     /// while the body still arrives.
     std::uint64_t response_length_ = 0;
     Upcall* upcall_ = nullptr;
-    bool close_sent_ = false;        ///< our close frame has been sent
-    bool released_ = false;          ///< handle_close_i has run
-    bool logged_ = false;            ///< the current request has its access-log line
-    bool header_received_ = false;   ///< the current request's header is complete
+    bool close_sent_ = false;              ///< our close frame has been sent
+    bool released_ = false;                ///< handle_close_i has run
+    bool logged_ = false;                  ///< the current request has its access-log line
+    bool header_received_ = false;         ///< the current request's header is complete
     std::atomic<bool> interrupted_{false}; ///< the service ends; a worker thread is to stop
 };
 

@@ -42,8 +42,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::make_room()
 {
     if (mb_ == nullptr) {
         const size_t configured = HTTP_Options::instance()->http_receive_buffer_size();
-        mb_ = new_message_block(configured != 0 ? configured
-                                                : static_cast<size_t>(DEFAULT_BUFSIZ));
+        mb_ = new_message_block(configured != 0 ? configured : static_cast<size_t>(DEFAULT_BUFSIZ));
         if (mb_ == nullptr) {
             errno = ENOMEM;
             return -1;
@@ -78,8 +77,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_receive_failure(const ACE_Time_Valu
     }
     if (errno == ETIME && timeout != nullptr) {
         ACE_Reactor* const reactor = this->reactor();
-        return this->handle_timeout_i(
-            reactor != nullptr ? reactor->timer_queue()->gettimeofday() : ACE_Monotonic_Time_Policy()(), timeout);
+        return this->handle_timeout_i(reactor != nullptr ? reactor->timer_queue()->gettimeofday()
+                                                         : ACE_Monotonic_Time_Policy()(),
+                                      timeout);
     }
     HTTPD_ERROR("Failed to receive data from %s client %s, errno=%d, %m", this->protocol(),
                 addr_string_type(remote_addr_, WITH_PORT).c_str(), errno);

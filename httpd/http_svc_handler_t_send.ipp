@@ -39,9 +39,8 @@ int HTTP_Svc_Handler_T<Stream, Sync>::sendv_n(const iovec* iov, int count, bool 
         break;
     case HTTP_SOCK_STATE_HEADER_SENT:
     case HTTP_SOCK_STATE_CONTENT_SENDING:
-        result = response_.chunked_transfer_encoding()
-                     ? this->sendv_body_chunked(iov, count, last)
-                     : this->sendv_body_content(iov, count, last);
+        result = response_.chunked_transfer_encoding() ? this->sendv_body_chunked(iov, count, last)
+                                                       : this->sendv_body_content(iov, count, last);
         break;
     default:
         HTTPD_ERROR("Call HTTP_Svc_Handler_T<P, S>::sendv_n with incorrect response state %s",
@@ -126,8 +125,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::send_headers_content(const void* data, siz
                                                            bool last)
 {
     const bool head = request_.method() == HTTP_METHOD_HEAD;
-    const bool keep = this->begin_headers(
-        request_.keep_alive() && response_.headers().get(HTTP_HEAD_CONTENT_LENGTH, true) != nullptr);
+    const bool keep =
+        this->begin_headers(request_.keep_alive() &&
+                            response_.headers().get(HTTP_HEAD_CONTENT_LENGTH, true) != nullptr);
     const bool body = !head && data != nullptr && length > 0;
     Send_Vector vector(response_.iovec_count() + 1);
     iovec* const iov = vector.get();
@@ -147,8 +147,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::sendv_headers_content(const iovec* source,
 {
     // The vector's bytes go out for HEAD too; only send() drops them.
     constexpr bool HEAD = false;
-    const bool keep = this->begin_headers(
-        request_.keep_alive() && response_.headers().get(HTTP_HEAD_CONTENT_LENGTH, true) != nullptr);
+    const bool keep =
+        this->begin_headers(request_.keep_alive() &&
+                            response_.headers().get(HTTP_HEAD_CONTENT_LENGTH, true) != nullptr);
     const bool body = source != nullptr && count > 0;
     const int body_entries = body ? count : 0;
     Send_Vector vector(response_.iovec_count() + body_entries);

@@ -425,7 +425,8 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_websocket_timeout(const ACE_Time_Va
         return 0;
     }
     if (act == options->ping_timeout()) {
-        HTTPD_ERROR("WebSocket ping %s timeout.", addr_string_type(remote_addr_, WITH_PORT).c_str());
+        HTTPD_ERROR("WebSocket ping %s timeout.",
+                    addr_string_type(remote_addr_, WITH_PORT).c_str());
         return -1;
     }
     HTTPD_WARNING("Unknown WebSocket timeout.");

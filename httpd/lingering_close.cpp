@@ -33,8 +33,7 @@ bool is_over(ssize_t received)
 Lingering_Close::Lingering_Close(ACE_Reactor& reactor, ACE_HANDLE handle)
     : ACE_Event_Handler(&reactor), handle_(handle)
 {
-    this->reference_counting_policy().value(
-        ACE_Event_Handler::Reference_Counting_Policy::ENABLED);
+    this->reference_counting_policy().value(ACE_Event_Handler::Reference_Counting_Policy::ENABLED);
 }
 
 Lingering_Close::~Lingering_Close()

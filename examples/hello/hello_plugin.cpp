@@ -11,7 +11,8 @@ namespace {
 
 class Hello : public Whole_Body_Handler {
 public:
-    static constexpr size_t MAX_BODY = 64 * 1024; // bytes; a larger request body is refused with 413
+    static constexpr size_t MAX_BODY =
+        64 * 1024; // bytes; a larger request body is refused with 413
 
     Hello() : Whole_Body_Handler(MAX_BODY) {}
 
