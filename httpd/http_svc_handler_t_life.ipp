@@ -362,7 +362,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::svc()
     if (timeout != nullptr && *timeout == ACE_Time_Value::zero) {
         timeout = nullptr;
     }
-    while (this->handle_input_i() != -1 && !this->closing_ && !interrupted_) {
+    // An interrupted connection whose plug-in is still answering is not to be touched any more:
+    // hence the look before each step.
+    while (!interrupted_ && this->handle_input_i() != -1 && !this->closing_ && !interrupted_) {
         if (this->is_suspended()) {
             this->wait_while_suspended();
         } else if (!this->has_unserved_bytes() && this->handle_data_reading(timeout) == -1) {

@@ -122,7 +122,8 @@ private:
 
 const std::map<std::string, Probe_Handler::Request_Mode>& Probe_Handler::request_modes()
 {
-    static const std::map<std::string, Request_Mode> modes = {
+    // Never destroyed: a thread may still look things up while the process ends.
+    static const auto& modes = *new const std::map<std::string, Request_Mode>{
         {"hello", [](Probe_Handler&, HTTP_IO& io) { return counted(io, HELLO); }},
         {"thread", [](Probe_Handler&, HTTP_IO& io) { return counted(io, HELLO); }},
         // Busy for longer than a stopping server waits.
@@ -284,7 +285,7 @@ const std::map<std::string, Probe_Handler::Request_Mode>& Probe_Handler::request
 
 const std::map<std::string, Probe_Handler::Body_Mode>& Probe_Handler::body_modes()
 {
-    static const std::map<std::string, Body_Mode> modes = {
+    static const auto& modes = *new const std::map<std::string, Body_Mode>{
         {"collect", [](Probe_Handler& self, HTTP_IO& io, const void* data,
                        size_t) { return self.is_whole(io, data) ? counted(io, self.body_) : 0; }},
         {"thread-collect",
