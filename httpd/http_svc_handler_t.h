@@ -125,6 +125,7 @@ private:
     bool is_suspended() const;
     bool has_unserved_bytes() const;
     void wait_while_suspended();
+    void wake_worker();
     void interrupt() override;
     std::string plug_in() const override;
 
@@ -220,6 +221,8 @@ private:
     bool released_ = false;                ///< handle_close_i has run
     bool logged_ = false;                  ///< the current request has its access-log line
     bool header_received_ = false;         ///< the current request's header is complete
+    std::atomic<bool> close_asked_{false}; ///< by a send while reading was suspended
+    std::atomic<unsigned> wakes_{0};       ///< changes when a suspended worker is to look again
     std::atomic<bool> interrupted_{false}; ///< the service ends; a worker thread is to stop
 };
 

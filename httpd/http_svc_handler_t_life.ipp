@@ -378,20 +378,29 @@ int HTTP_Svc_Handler_T<Stream, Sync>::svc()
 template <typename Stream, typename Sync>
 void HTTP_Svc_Handler_T<Stream, Sync>::wait_while_suspended()
 {
-    while (concurrent_state_ == STATE_THREADING_SUSPENDED && !interrupted_) {
-        concurrent_state_.wait(STATE_THREADING_SUSPENDED);
+    for (;;) {
+        const unsigned seen = wakes_;
+        if (concurrent_state_ != STATE_THREADING_SUSPENDED || interrupted_) {
+            return;
+        }
+        wakes_.wait(seen);
     }
 }
 
+template <typename Stream, typename Sync>
+void HTTP_Svc_Handler_T<Stream, Sync>::wake_worker()
+{
+    ++wakes_;
+    wakes_.notify_all();
+}
+
+/// Leaves a suspension as it is: the response belongs to whoever the plug-in gave it to.
 template <typename Stream, typename Sync>
 void HTTP_Svc_Handler_T<Stream, Sync>::interrupt()
 {
     interrupted_ = true;
     ::shutdown(this->peer().get_handle(), SHUT_RDWR);
-    CONCURRENT_STATE suspended = STATE_THREADING_SUSPENDED;
-    if (concurrent_state_.compare_exchange_strong(suspended, STATE_THREADING)) {
-        concurrent_state_.notify_all();
-    }
+    this->wake_worker();
 }
 
 template <typename Stream, typename Sync>
@@ -449,7 +458,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::suspend_read(bool suspend)
         reactor->notify(this, ACE_Event_Handler::READ_MASK);
     } else if (state == STATE_THREADING_SUSPENDED &&
                concurrent_state_.compare_exchange_strong(state, STATE_THREADING)) {
-        concurrent_state_.notify_all();
+        this->wake_worker();
     }
     return 0;
 }

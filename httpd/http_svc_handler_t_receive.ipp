@@ -96,6 +96,10 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_input_i()
     if (mb_ == nullptr) {
         return 0;
     }
+    if (close_asked_) {
+        this->log_access(HANDLE_ERROR);
+        return HANDLE_ERROR;
+    }
     int step = HANDLE_DATA;
     while (step == HANDLE_DATA) {
         switch (request_state_) {

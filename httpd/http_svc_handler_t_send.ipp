@@ -50,11 +50,19 @@ int HTTP_Svc_Handler_T<Stream, Sync>::sendv_n(const iovec* iov, int count, bool 
     return this->finish_send(result);
 }
 
-/// A completed response lets a suspended connection read its next request.
+/**
+ * A completed response lets a suspended connection read its next request. A thread of the plug-in's
+ * cannot pass a -1 on to the engine, so the request to close is kept for it; a failed write is one.
+ */
 template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::finish_send(int result)
 {
-    if (this->response_state() == HTTP_SOCK_STATE_CONTENT_SENT && this->is_suspended()) {
+    const HTTP_SOCK_State sent = this->response_state();
+    const bool complete = sent == HTTP_SOCK_STATE_CONTENT_SENT;
+    const bool failed = result == -1 && (sent == HTTP_SOCK_STATE_HEADER_SENDING ||
+                                         sent == HTTP_SOCK_STATE_CONTENT_SENDING);
+    if ((complete || failed) && this->is_suspended()) {
+        close_asked_ = result == -1;
         constexpr bool RESUME = false;
         this->suspend_read(RESUME);
     }

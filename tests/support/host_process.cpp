@@ -127,8 +127,17 @@ Host_Process::Host_Process(const Command& command)
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     ::posix_spawn_file_actions_adddup2(&actions, log[1], 2);
+    // The host starts as from a shell, whatever a client of this test has set.
+    posix_spawnattr_t attributes;
+    ::posix_spawnattr_init(&attributes);
+    sigset_t defaults;
+    ::sigemptyset(&defaults);
+    ::sigaddset(&defaults, SIGPIPE);
+    ::posix_spawnattr_setsigdefault(&attributes, &defaults);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
     const int error =
-        ::posix_spawn(&pid_, HTTPD_TEST_HOST, &actions, nullptr, argv.data(), environ);
+        ::posix_spawn(&pid_, HTTPD_TEST_HOST, &actions, &attributes, argv.data(), environ);
+    ::posix_spawnattr_destroy(&attributes);
     ::posix_spawn_file_actions_destroy(&actions);
     ::close(log[1]);
     if (error != 0) {

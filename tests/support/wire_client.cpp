@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -206,6 +207,8 @@ std::unique_ptr<Wire_Client> Wire_Client::tls(const std::string& host, unsigned 
     if (handle == -1) {
         return nullptr;
     }
+    // OpenSSL writes without MSG_NOSIGNAL: a server that has gone is an error, not the end of us.
+    std::signal(SIGPIPE, SIG_IGN);
     // A server that never answers must not hold the test for ever.
     const timeval limit = {20, 0};
     ::setsockopt(handle, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
