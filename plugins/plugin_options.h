@@ -7,10 +7,12 @@
 #include <span>
 #include <string>
 
-/// One option of a plug-in: `--name VALUE` or `--name=VALUE`; the last one given counts.
+/// One option of a plug-in: `--name VALUE` or `--name=VALUE`, the last one given counts; or the
+/// bare flag `--name`.
 struct Plugin_Option {
-    const char* name_;   ///< with its two dashes
-    std::string* value_; ///< receives the value
+    const char* name_;     ///< with its two dashes
+    std::string* value_;   ///< receives the value; not used for a flag
+    bool* flag_ = nullptr; ///< not null: a flag, set to true when it is given
 };
 
 /**
@@ -38,13 +40,22 @@ inline int read_plugin_options(const char* plugin, int argc, char** argv,
                 value = argument + length + 1;
             } else if (argument[length] == '\0') {
                 found = &option;
-                value = i + 1 < argc ? argv[++i] : nullptr;
+                value = option.flag_ == nullptr && i + 1 < argc ? argv[++i] : nullptr;
             }
         }
         if (found == nullptr) {
             errno = EINVAL;
             HTTPD_ERROR("%C: unknown parameter '%C'", plugin, argument);
             return -1;
+        }
+        if (found->flag_ != nullptr) {
+            if (value != nullptr) {
+                errno = EINVAL;
+                HTTPD_ERROR("%C: parameter '%C' takes no value", plugin, found->name_);
+                return -1;
+            }
+            *found->flag_ = true;
+            continue;
         }
         if (value == nullptr) {
             errno = EINVAL;
