@@ -29,6 +29,10 @@ void WebSocket_Data_Frame::init(bool fin, unsigned char opcode, unsigned long pa
         const bool continues = message_open_;
         message_open_ = !fin;
         opcode = continues ? CONTINUATION : opcode;
+    } else if (opcode == CONTINUATION && fin) {
+        // Whoever asks for a continuation by name (a pong that took it along) ends the message with
+        // it: to the peer, one more continuation would belong to no message.
+        message_open_ = false;
     }
     const unsigned char mask_bit = mask ? MASK_BIT : 0U;
     unsigned char* out = header_;

@@ -38,7 +38,7 @@ public:
     /**
      * Starts the next frame.
      * @param opcode          1 and 2 go out as 0 (continuation) while the last data frame was not
-     *                        final
+     *                        final; 0 goes out as it is, and ends the message when it is final
      * @param payload_length  bytes that to_iovec() will be given in all
      * @param mask            true writes a masking key of zero; a server passes false (RFC 6455,
      *                        section 5.1)

@@ -30,20 +30,21 @@ bool is_token(std::string_view name)
 
 int WS_Echo_Options::parse(int argc, char** argv)
 {
-    std::string protocols;
+    const std::string not_given(1, '\0'); // which no parameter can be
+    std::string protocols = not_given;
     bool thread = false;
     const Plugin_Option options[] = {{"--protocol", &protocols}, {"--thread", nullptr, &thread}};
     if (read_plugin_options("ws_echo", argc, argv, options) == -1) {
         return -1;
     }
     thread_ = thread;
-    return this->parse_protocols(protocols);
+    protocols_.clear();
+    return protocols == not_given ? 0 : this->parse_protocols(protocols);
 }
 
 int WS_Echo_Options::parse_protocols(std::string_view list)
 {
-    protocols_.clear();
-    size_t begin = list.empty() ? std::string_view::npos : 0;
+    size_t begin = 0;
     while (begin != std::string_view::npos) {
         const size_t comma = list.find(',', begin);
         const std::string_view name = trimmed(list.substr(begin, comma - begin));

@@ -249,11 +249,23 @@ TEST(WebSocket_Data_Frame, control_frames_stand_between_the_frames_of_a_message)
     EXPECT_EQ(0x89U, first_byte(frame, FINAL, PING));
     EXPECT_EQ(0x8AU, first_byte(frame, FINAL, PONG));
     EXPECT_EQ(0x0AU, first_byte(frame, MORE, PONG)) << "a fragmented one opens no message";
-    EXPECT_EQ(0x80U, first_byte(frame, FINAL, CONTINUATION)) << "of the pong";
     EXPECT_EQ(0x00U, first_byte(frame, MORE, TEXT));
     EXPECT_EQ(0x80U, first_byte(frame, FINAL, TEXT));
     EXPECT_EQ(0x81U, first_byte(frame, FINAL, TEXT));
     EXPECT_EQ(0x88U, first_byte(frame, FINAL, CLOSE));
+}
+
+TEST(WebSocket_Data_Frame, a_continuation_asked_for_by_name_ends_the_message_for_the_peer)
+{
+    Frame frame;
+    EXPECT_EQ(0x01U, first_byte(frame, MORE, TEXT));
+    EXPECT_EQ(0x8AU, first_byte(frame, FINAL, PONG));
+    EXPECT_EQ(0x00U, first_byte(frame, MORE, CONTINUATION));
+    EXPECT_EQ(0x00U, first_byte(frame, MORE, TEXT)) << "the message is still open";
+    EXPECT_EQ(0x80U, first_byte(frame, FINAL, CONTINUATION));
+    EXPECT_EQ(0x82U, first_byte(frame, FINAL, BINARY)) << "and now it is not";
+    EXPECT_EQ(0x00U, first_byte(frame, MORE, CONTINUATION)) << "it goes out as it is";
+    EXPECT_EQ(0x81U, first_byte(frame, FINAL, TEXT)) << "but opens no message";
 }
 
 TEST(WebSocket_Data_Frame, a_new_frame_replaces_one_that_was_not_sent)
