@@ -1,5 +1,6 @@
 #include "tests/support/environment_variable.h"
 #include "tests/support/probe_server.h"
+#include "tests/wire/websocket_messages.h"
 
 #include <gtest/gtest.h>
 
@@ -35,6 +36,8 @@ protected:
                           {"/count", "bare_plugin", "_make_Allocation_Count"},
                           {"/files", "httpd_files", "_make_Files", "--root " + root},
                           {"/echo", "httpd_echo", "_make_Echo"}};
+        setup.websockets = {{"/ws", "httpd_ws_echo", "_make_WS_Echo"},
+                            {"/ws-thread", "httpd_ws_echo", "_make_WS_Echo", "--thread"}};
         const Environment_Variable preload("LD_PRELOAD", library_path("malloc_counter"));
         server_ = std::make_unique<Probe_Server>(setup);
         client_ = server_->connect();
@@ -55,20 +58,42 @@ protected:
         return std::atol(text.c_str());
     }
 
-    /// What 1,000 of these requests allocate on a connection that has served some before.
-    long allocations(const std::string& request, int status = 200)
+    /// What 1,000 calls of `exchange` allocate in the server after some that do not count.
+    template <typename Exchange>
+    long allocations_of(Exchange exchange)
     {
         for (int i = 0; i < WARM_UP; ++i) {
-            EXPECT_EQ(status, client_->exchange(request).status);
+            exchange();
         }
         this->count();
         const long first = this->count();
         const long before = this->count();
         const long of_counting = before - first;
         for (long i = 0; i < REQUESTS; ++i) {
-            EXPECT_EQ(status, client_->exchange(request).status);
+            exchange();
         }
         return this->count() - before - of_counting;
+    }
+
+    /// What 1,000 of these requests allocate on a connection that has served some before.
+    long allocations(const std::string& request, int status = 200)
+    {
+        return this->allocations_of(
+            [this, &request, status] { EXPECT_EQ(status, client_->exchange(request).status); });
+    }
+
+    /// What 1,000 messages of this size allocate on an open connection.
+    long allocations_of_messages(const std::string& target, size_t size)
+    {
+        WebSocket_Client client(server_->connect());
+        EXPECT_TRUE(client.open(target));
+        const std::string text = numbered_text(size);
+        const std::string frame = websocket_frame(WS_TEXT, text);
+        return this->allocations_of([&client, &text, &frame] {
+            EXPECT_TRUE(client.wire().send(frame));
+            const WebSocket_Message message = read_message(client);
+            EXPECT_TRUE(message.complete && message.payload == text);
+        });
     }
 
     Temporary_Folder folder_;
@@ -116,4 +141,26 @@ TEST_F(HTTP_Allocation, missing_file_costs_none)
 TEST_F(HTTP_Allocation, echo_costs_none)
 {
     EXPECT_EQ(0, this->allocations(get_request("/echo/a")));
+}
+
+TEST_F(HTTP_Allocation, small_websocket_messages_cost_none)
+{
+    EXPECT_EQ(0, this->allocations_of_messages("/ws", 16));
+    EXPECT_EQ(0, this->allocations_of_messages("/ws-thread", 16));
+}
+
+TEST_F(HTTP_Allocation, large_websocket_messages_cost_none)
+{
+    EXPECT_EQ(0, this->allocations_of_messages("/ws", 20'000));
+    EXPECT_EQ(0, this->allocations_of_messages("/ws-thread", 20'000));
+}
+
+TEST_F(HTTP_Allocation, pings_cost_none)
+{
+    WebSocket_Client client(server_->connect());
+    ASSERT_TRUE(client.open("/ws"));
+    EXPECT_EQ(0, this->allocations_of([&client] {
+        EXPECT_TRUE(client.send(WS_PING, "payload"));
+        EXPECT_EQ("payload", client.read().payload);
+    }));
 }
