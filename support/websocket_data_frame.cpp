@@ -34,9 +34,15 @@ void WebSocket_Data_Frame::init(bool fin, unsigned char opcode, unsigned long pa
         // it: to the peer, one more continuation would belong to no message.
         message_open_ = false;
     }
+    remain_ = payload_length;
+    header_[0] = static_cast<unsigned char>((fin ? FIN_BIT : 0U) | (opcode & 0x0FU));
+    if (payload_length <= MAX_LENGTH_7 && !mask) { // most of a server's frames
+        header_[1] = static_cast<unsigned char>(payload_length);
+        header_length_ = 2;
+        return;
+    }
     const unsigned char mask_bit = mask ? MASK_BIT : 0U;
-    unsigned char* out = header_;
-    *out++ = static_cast<unsigned char>((fin ? FIN_BIT : 0U) | (opcode & 0x0FU));
+    unsigned char* out = header_ + 1;
     const auto big_endian = [&out, payload_length](int bytes) {
         for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
             *out++ = static_cast<unsigned char>(payload_length >> shift);
@@ -57,7 +63,6 @@ void WebSocket_Data_Frame::init(bool fin, unsigned char opcode, unsigned long pa
         }
     }
     header_length_ = static_cast<unsigned char>(out - header_);
-    remain_ = payload_length;
 }
 
 int WebSocket_Data_Frame::to_iovec(iovec* out, int room, const void* data, size_t length)

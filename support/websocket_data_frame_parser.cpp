@@ -6,6 +6,7 @@
 #include <ace/Message_Block.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -18,6 +19,8 @@ constexpr unsigned char TEXT = 1;
 constexpr unsigned char BINARY = 2;
 constexpr unsigned char CONTROL = 8; ///< the first control opcode
 
+constexpr size_t SHORT_HEADER = 6; ///< bytes in front of a payload of up to 125
+
 constexpr std::uint64_t MAX_LENGTH_7 = 125;
 constexpr std::uint64_t MAX_LENGTH_16 = 0xFFFF;
 constexpr std::uint64_t TOP_BIT = std::uint64_t{1} << 63;
@@ -29,8 +32,10 @@ void WebSocket_Data_Frame_Parser::reset()
     *this = WebSocket_Data_Frame_Parser();
 }
 
+// The steps are inline for the sake of small frames, which consist of little else.
+
 /// First byte: FIN, reserved bits, opcode.
-WebSocket_Data_Frame_Parser::State
+inline WebSocket_Data_Frame_Parser::State
 WebSocket_Data_Frame_Parser::check_opcode_byte(unsigned char byte)
 {
     fin_ = (byte & FIN_BIT) != 0;
@@ -50,7 +55,7 @@ WebSocket_Data_Frame_Parser::check_opcode_byte(unsigned char byte)
 }
 
 /// Second byte: mask bit and the short length, or the size of the long one.
-WebSocket_Data_Frame_Parser::State
+inline WebSocket_Data_Frame_Parser::State
 WebSocket_Data_Frame_Parser::check_length_byte(unsigned char byte)
 {
     mask_ = (byte & MASK_BIT) != 0;
@@ -91,10 +96,31 @@ WebSocket_Data_Frame_Parser::State WebSocket_Data_Frame_Parser::take_mask_key(un
     return STATE_PAYLOAD;
 }
 
+/// Takes the header of a small frame in one go when all of it is there; leaves any other alone.
+inline WebSocket_Data_Frame_Parser::State
+WebSocket_Data_Frame_Parser::take_short_header(ACE_Message_Block* mb)
+{
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(mb->rd_ptr());
+    if ((bytes[1] & LENGTH_BITS) > MAX_LENGTH_7) {
+        return STATE_OPCODE;
+    }
+    if (this->check_opcode_byte(bytes[0]) == STATE_ERROR ||
+        this->check_length_byte(bytes[1]) == STATE_ERROR) {
+        return STATE_ERROR;
+    }
+    std::memcpy(mask_key_, bytes + SHORT_HEADER - sizeof mask_key_, sizeof mask_key_);
+    remain_ = payload_len_;
+    mb->rd_ptr(SHORT_HEADER);
+    return STATE_PAYLOAD;
+}
+
 WebSocket_Data_Frame_Parser::State WebSocket_Data_Frame_Parser::parse(ACE_Message_Block* mb,
                                                                       size_t& len)
 {
     len = 0;
+    if (state_ == STATE_OPCODE && mb->length() >= SHORT_HEADER) {
+        state_ = this->take_short_header(mb);
+    }
     while (state_ != STATE_PAYLOAD && state_ != STATE_ERROR && mb->length() > 0) {
         const auto byte = static_cast<unsigned char>(*mb->rd_ptr());
         mb->rd_ptr(1);

@@ -53,6 +53,7 @@ private:
     State check_length_byte(unsigned char byte);
     State take_long_length(unsigned char byte);
     State take_mask_key(unsigned char byte);
+    State take_short_header(ACE_Message_Block* mb);
     State take_payload(ACE_Message_Block* mb, size_t& len);
 
     State state_ = STATE_OPCODE;
