@@ -18,6 +18,7 @@ set(HTTPD_PUBLIC_HEADERS
     simple_creator_t.h
     websocket_handler.h
     websocket_io.h
+    websocket_outbox.h
     whole_body_handler.h)
 list(TRANSFORM HTTPD_PUBLIC_HEADERS PREPEND "httpd/")
 

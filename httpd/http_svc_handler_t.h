@@ -1,5 +1,6 @@
 #pragma once
 
+#include "httpd/detail/loop_io.h"
 #include "httpd/export.h"
 #include "httpd/http_authenticator.h"
 #include "httpd/http_chunk_parser.h"
@@ -7,7 +8,6 @@
 #include "httpd/live_connections.h"
 #include "httpd/object_creator_t.h"
 #include "httpd/websocket_handler.h"
-#include "httpd/websocket_io.h"
 #include "support/addr_string.h"
 #include "support/http_parser.h"
 #include "support/peer_stream_io.h"
@@ -36,7 +36,7 @@
  */
 template <typename Stream, typename Sync>
 class HTTP_Svc_Handler_T : public ACE_Svc_Handler<Stream, Sync>,
-                           protected WebSocket_IO,
+                           protected Loop_IO,
                            private Live_Connections::Worker {
 public:
     using addr_string_type = ACE_Addr_String;
@@ -101,6 +101,12 @@ protected:
     int send_ping(bool wait) override;
     int send_close_frame(WebSocket_Data_Frame::Close_Status status, const void* reason,
                          size_t length) override;
+
+    // --- Loop_IO: sending without waiting ---
+    ACE_Reactor* event_loop() const override;
+    ACE_HANDLE output_handle() const override;
+    Frame_State frame_state() const override;
+    ssize_t sendv_now(const iovec* iov, int count) override;
 
 private:
     using Stream_IO = Peer_Stream_IO_T<Stream>;

@@ -227,8 +227,8 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_close_i()
 }
 
 /**
- * A response was sent and the client has not been read to the end of its request: a plain close
- * could destroy the response on its way.
+ * A response was sent and the client has not been read to the end of its request, or our close
+ * frame and its answer has not been read: a plain close could destroy what is on its way.
  */
 template <typename Stream, typename Sync>
 bool HTTP_Svc_Handler_T<Stream, Sync>::lingers() const
@@ -236,6 +236,10 @@ bool HTTP_Svc_Handler_T<Stream, Sync>::lingers() const
     const HTTP_SOCK_State sent = this->response_state();
     const bool answered =
         sent >= HTTP_SOCK_STATE_HEADER_SENDING && sent <= HTTP_SOCK_STATE_CONTENT_SENT;
+    const bool awaits_close = close_sent_ && request_state_ != HTTP_SOCK_STATE_WEBSOCKET_CLOSING;
+    if (awaits_close && !interrupted_) {
+        return true;
+    }
     if (!answered || interrupted_) {
         return false;
     }
@@ -295,7 +299,7 @@ void HTTP_Svc_Handler_T<Stream, Sync>::shutdown()
         }
     }
     Live_Connections::instance().leave_thread(this);
-    Stream_IO::close(this->peer());
+    this->close_stream();
     // Inside a call of the driver the release waits until that call returns.
     if (upcall_ == nullptr && this->reactor() != nullptr) {
         this->handle_close_i();
@@ -483,6 +487,23 @@ template <typename Stream, typename Sync>
 bool HTTP_Svc_Handler_T<Stream, Sync>::is_ssl() const
 {
     return std::is_same_v<Stream, ACE_SSL_SOCK_Stream>;
+}
+
+template <typename Stream, typename Sync>
+ACE_Reactor* HTTP_Svc_Handler_T<Stream, Sync>::event_loop() const
+{
+    return this->reactor();
+}
+
+template <typename Stream, typename Sync>
+ACE_HANDLE HTTP_Svc_Handler_T<Stream, Sync>::output_handle() const
+{
+    if constexpr (std::is_same_v<Stream, Pipe_Stream>) {
+        constexpr bool OUTPUT = false;
+        return this->peer().get_handle(OUTPUT);
+    } else {
+        return this->peer().get_handle();
+    }
 }
 
 template <typename Stream, typename Sync>

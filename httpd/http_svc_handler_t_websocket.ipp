@@ -348,12 +348,28 @@ ssize_t HTTP_Svc_Handler_T<Stream, Sync>::sendv_frame_i(const iovec* iov, int co
 template <typename Stream, typename Sync>
 ssize_t HTTP_Svc_Handler_T<Stream, Sync>::write_frame(const iovec* iov, int count)
 {
-    const ssize_t sent = Stream_IO::sendv(this->peer(), iov, count);
+    const ssize_t sent = frame_output_ != nullptr ? frame_output_->write_frame(*this, iov, count)
+                                                  : Stream_IO::sendv(this->peer(), iov, count);
     if (sent == -1) {
         HTTPD_ERROR("Failed to send WebSocket data frame to %s: %m",
                     addr_string_type(remote_addr_, WITH_PORT).c_str());
     }
     return sent;
+}
+
+template <typename Stream, typename Sync>
+ssize_t HTTP_Svc_Handler_T<Stream, Sync>::sendv_now(const iovec* iov, int count)
+{
+    return Stream_IO::sendv_now(this->peer(), iov, count);
+}
+
+template <typename Stream, typename Sync>
+Loop_IO::Frame_State HTTP_Svc_Handler_T<Stream, Sync>::frame_state() const
+{
+    if (close_sent_ || this->closing_ || request_state_ == HTTP_SOCK_STATE_WEBSOCKET_CLOSING) {
+        return FRAMES_ENDED;
+    }
+    return ws_frame_.done() && !ws_frame_.message_open() ? FRAMES_FREE : FRAME_OPEN;
 }
 
 template <typename Stream, typename Sync>

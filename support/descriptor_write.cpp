@@ -4,6 +4,7 @@
 #include "support/socket_helpers.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
@@ -114,6 +115,32 @@ ssize_t writev_all(int handle, const iovec* iov, int count)
         }
     }
     return write_pieces(handle, buffer, used, limit) == -1 ? -1 : static_cast<ssize_t>(total);
+}
+
+ssize_t writev_now(int handle, const iovec* iov, int count)
+{
+    const Sigpipe_Guard guard;
+    const size_t limit = piece_limit(handle);
+    size_t done = 0;
+    for (int i = 0; i < count; ++i) {
+        const char* const data = static_cast<const char*>(iov[i].iov_base);
+        for (size_t at = 0; at < iov[i].iov_len;) {
+            const int ready = wait_for_handle(handle, POLLOUT, Deadline::after_ms(0));
+            if (ready <= 0) {
+                return ready == 0 ? static_cast<ssize_t>(done) : -1;
+            }
+            const ssize_t written = write(handle, data + at, std::min(iov[i].iov_len - at, limit));
+            if (written >= 0) {
+                at += static_cast<size_t>(written);
+                done += static_cast<size_t>(written);
+            } else if (errno == EAGAIN) {
+                return static_cast<ssize_t>(done);
+            } else if (errno != EINTR) {
+                return -1;
+            }
+        }
+    }
+    return static_cast<ssize_t>(done);
 }
 
 int iovec_total(const iovec* iov, int count, size_t& total)

@@ -17,5 +17,10 @@ ssize_t write_all(int handle, const void* data, size_t length);
 /// write_all for a vector of any number of entries, which is not changed.
 ssize_t writev_all(int handle, const iovec* iov, int count);
 
+/// Writes what there is room for now, in pieces that a descriptor which polls writable surely
+/// takes.
+/// @return bytes written, perhaps 0, or -1 with errno.
+ssize_t writev_now(int handle, const iovec* iov, int count);
+
 /// The bytes of a vector. @return 0, or -1 with EINVAL: a negative count or too many bytes.
 int iovec_total(const iovec* iov, int count, size_t& total);

@@ -221,6 +221,26 @@ ssize_t Mem_Channel::sendv(const iovec* iov, int count)
     return static_cast<ssize_t>(total);
 }
 
+ssize_t Mem_Channel::sendv_now(const iovec* iov, int count)
+{
+    size_t total = 0;
+    if (iovec_total(iov, count, total) == -1) {
+        return -1;
+    }
+    Cursor cursor{iov, 0};
+    size_t done = 0;
+    // A socket that polls writable takes an offset as a whole; one that has failed says so then.
+    pollfd entry{handle_, POLLOUT, 0};
+    while (done < total && has_room() && poll(&entry, 1, 0) == 1) {
+        const size_t piece = std::min<size_t>(total - done, PIECE_SIZE);
+        if (send_piece(cursor, piece) == -1) {
+            return -1;
+        }
+        done += piece;
+    }
+    return static_cast<ssize_t>(done);
+}
+
 void Mem_Channel::send_end()
 {
     pollfd entry{handle_, POLLOUT, 0};

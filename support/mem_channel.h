@@ -50,6 +50,9 @@ public:
      */
     ssize_t sendv(const iovec* iov, int count);
 
+    /// sendv() that stops where it would wait. @return bytes sent, perhaps 0, or -1 with errno.
+    ssize_t sendv_now(const iovec* iov, int count);
+
     /// Sends the empty message that ends the stream, when that needs no waiting.
     void send_end();
 

@@ -94,6 +94,15 @@ ssize_t MEM_Stream::sendv(const iovec* iov, int count) const
     return channel_->sendv(iov, count);
 }
 
+ssize_t MEM_Stream::sendv_now(const iovec* iov, int count) const
+{
+    if (channel_ == nullptr) {
+        errno = ENOTCONN;
+        return -1;
+    }
+    return channel_->sendv_now(iov, count);
+}
+
 int MEM_Stream::get_remote_addr(ACE_Addr& address) const
 {
     if (address.get_type() == AF_INET || address.get_type() == AF_INET6) {

@@ -62,6 +62,10 @@ public:
     /// Sends the whole vector. @return the sum, or -1 with errno.
     ssize_t sendv(const iovec* iov, int count) const;
 
+    /// Sends what the pool and the socket take now. @return bytes taken, perhaps 0, or -1 with
+    /// errno.
+    ssize_t sendv_now(const iovec* iov, int count) const;
+
     /// The peer is a process on this machine and has no address of its own: leaves an Internet
     /// address as it is. @return 0.
     int get_remote_addr(ACE_Addr& address) const;

@@ -41,6 +41,9 @@ enum class Receive_Mode { NEVER_WAIT, WAIT };
         /* All bytes or -1 with errno; ETIME when there is no progress (see ace_send). */          \
         static ssize_t send(STREAM& stream, const void* data, size_t length);                      \
         static ssize_t sendv(STREAM& stream, const iovec* iov, int count);                         \
+        /* Bytes taken without waiting, 0 when there is no room; -1 with errno. What was not taken \
+           is to be offered again, unchanged and in front of whatever else is sent. */             \
+        static ssize_t sendv_now(STREAM& stream, const iovec* iov, int count);                     \
         /* Ends the stream's own protocol without waiting and closes what it owns. */              \
         static void close(STREAM& stream);                                                         \
         /* Ends the stream's own protocol and the sending side, and gives the descriptor away      \

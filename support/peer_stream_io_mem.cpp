@@ -31,6 +31,11 @@ ssize_t Peer_Stream_IO_T<MEM_Stream>::sendv(MEM_Stream& stream, const iovec* iov
     return stream.sendv(iov, count);
 }
 
+ssize_t Peer_Stream_IO_T<MEM_Stream>::sendv_now(MEM_Stream& stream, const iovec* iov, int count)
+{
+    return stream.sendv_now(iov, count);
+}
+
 void Peer_Stream_IO_T<MEM_Stream>::close(MEM_Stream& stream)
 {
     stream.close();

@@ -38,6 +38,11 @@ ssize_t Peer_Stream_IO_T<Pipe_Stream>::sendv(Pipe_Stream& stream, const iovec* i
     return stream.sendv(iov, count);
 }
 
+ssize_t Peer_Stream_IO_T<Pipe_Stream>::sendv_now(Pipe_Stream& stream, const iovec* iov, int count)
+{
+    return stream.sendv_now(iov, count);
+}
+
 void Peer_Stream_IO_T<Pipe_Stream>::close(Pipe_Stream& stream)
 {
     stream.close();

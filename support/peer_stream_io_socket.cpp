@@ -125,6 +125,12 @@ ssize_t Peer_Stream_IO_T<ACE_SOCK_Stream>::sendv(ACE_SOCK_Stream& stream, const 
     return ace_sendv(stream.get_handle(), iov, count);
 }
 
+ssize_t Peer_Stream_IO_T<ACE_SOCK_Stream>::sendv_now(ACE_SOCK_Stream& stream, const iovec* iov,
+                                                     int count)
+{
+    return ace_sendv_now(stream.get_handle(), iov, count);
+}
+
 void Peer_Stream_IO_T<ACE_SOCK_Stream>::close(ACE_SOCK_Stream& stream)
 {
     close_socket(stream);
@@ -159,6 +165,11 @@ ssize_t Peer_Stream_IO_T<LSOCK_Stream>::send(LSOCK_Stream& stream, const void* d
 ssize_t Peer_Stream_IO_T<LSOCK_Stream>::sendv(LSOCK_Stream& stream, const iovec* iov, int count)
 {
     return ace_sendv(stream.get_handle(), iov, count);
+}
+
+ssize_t Peer_Stream_IO_T<LSOCK_Stream>::sendv_now(LSOCK_Stream& stream, const iovec* iov, int count)
+{
+    return ace_sendv_now(stream.get_handle(), iov, count);
 }
 
 void Peer_Stream_IO_T<LSOCK_Stream>::close(LSOCK_Stream& stream)

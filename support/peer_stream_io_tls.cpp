@@ -115,6 +115,23 @@ private:
     char record_[RECORD_SIZE];
 };
 
+/// Copies up to one record of the vector, from byte `from` on. @return the bytes copied.
+size_t gather(const iovec* iov, int count, size_t from, char* record)
+{
+    size_t used = 0;
+    for (int i = 0; i < count && used < RECORD_SIZE; ++i) {
+        if (from >= iov[i].iov_len) {
+            from -= iov[i].iov_len;
+            continue;
+        }
+        const size_t part = std::min(iov[i].iov_len - from, RECORD_SIZE - used);
+        std::memcpy(record + used, static_cast<const char*>(iov[i].iov_base) + from, part);
+        used += part;
+        from = 0;
+    }
+    return used;
+}
+
 Deadline wait_deadline(int handle, const ACE_Time_Value* limit)
 {
     return limit == nullptr ? receive_deadline(handle) : Deadline::after(limit);
@@ -217,6 +234,43 @@ ssize_t Peer_Stream_IO_T<ACE_SSL_SOCK_Stream>::sendv(ACE_SSL_SOCK_Stream& stream
         }
     }
     return records.flush() == -1 ? -1 : static_cast<ssize_t>(total);
+}
+
+/**
+ * A record that found no room lies encrypted in the SSL object and counts as not taken; the call
+ * that offers its bytes again sends the rest of it (SSL_write_ex, non-blocking).
+ */
+ssize_t Peer_Stream_IO_T<ACE_SSL_SOCK_Stream>::sendv_now(ACE_SSL_SOCK_Stream& stream,
+                                                         const iovec* iov, int count)
+{
+    SSL* const ssl = tls_ready(stream);
+    if (ssl == nullptr) {
+        return -1;
+    }
+    char record[RECORD_SIZE];
+    size_t done = 0;
+    for (;;) {
+        const size_t length = gather(iov, count, done, record);
+        if (length == 0) {
+            return static_cast<ssize_t>(done);
+        }
+        size_t written = 0;
+        ERR_clear_error();
+        errno = 0;
+        const int result = SSL_write_ex(ssl, record, length, &written);
+        if (result == 1) {
+            done += written;
+            continue;
+        }
+        const int outcome = tls_outcome(ssl, result);
+        if (outcome > 0) {
+            return static_cast<ssize_t>(done);
+        }
+        if (outcome == 0) {
+            errno = EPIPE;
+        }
+        return -1;
+    }
 }
 
 void Peer_Stream_IO_T<ACE_SSL_SOCK_Stream>::close(ACE_SSL_SOCK_Stream& stream)

@@ -89,6 +89,11 @@ ssize_t Pipe_Stream::sendv(const iovec* iov, int count) const
     return writev_all(out_, iov, count);
 }
 
+ssize_t Pipe_Stream::sendv_now(const iovec* iov, int count) const
+{
+    return writev_now(out_, iov, count);
+}
+
 int Pipe_Stream::get_local_addr(ACE_Addr&) const
 {
     errno = ENOTSOCK;

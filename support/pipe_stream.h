@@ -72,6 +72,9 @@ public:
     /// Writes the whole vector, see ace_sendv(). @return the sum, or -1 with errno.
     ssize_t sendv(const iovec* iov, int count) const;
 
+    /// Writes what there is room for now. @return bytes written, perhaps 0, or -1 with errno.
+    ssize_t sendv_now(const iovec* iov, int count) const;
+
     /// A pipe has no address of its own: -1 with ENOTSOCK.
     int get_local_addr(ACE_Addr& address) const;
 

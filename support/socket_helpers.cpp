@@ -120,6 +120,19 @@ ssize_t send_vector(int handle, const iovec* iov, int count, size_t total)
     return static_cast<ssize_t>(total);
 }
 
+/// Copies the entries one behind the other. @return the bytes copied.
+size_t flatten(const iovec* iov, int count, char* flat)
+{
+    size_t used = 0;
+    for (int i = 0; i < count; ++i) {
+        if (iov[i].iov_len > 0) {
+            std::memcpy(flat + used, iov[i].iov_base, iov[i].iov_len);
+            used += iov[i].iov_len;
+        }
+    }
+    return used;
+}
+
 } // namespace
 
 int set_sock_nodelay(const ACE_SOCK& socket, bool on)
@@ -186,14 +199,33 @@ ssize_t ace_sendv(int handle, const iovec* iov, int count)
         return send_vector(handle, iov, count, total);
     }
     char flat[FLAT_LIMIT];
-    size_t used = 0;
-    for (int i = 0; i < count; ++i) {
-        if (iov[i].iov_len > 0) {
-            std::memcpy(flat + used, iov[i].iov_base, iov[i].iov_len);
-            used += iov[i].iov_len;
+    return send_all(handle, flat, flatten(iov, count, flat));
+}
+
+ssize_t ace_sendv_now(int handle, const iovec* iov, int count)
+{
+    size_t total = 0;
+    if (iovec_total(iov, count, total) == -1) {
+        return -1;
+    }
+    if (total == 0) {
+        return 0;
+    }
+    char flat[FLAT_LIMIT];
+    const bool small = total <= FLAT_LIMIT;
+    if (small) {
+        flatten(iov, count, flat);
+    }
+    for (;;) {
+        const ssize_t sent =
+            small ? send(handle, flat, total, SEND_FLAGS) : send_gathered(handle, iov, count);
+        if (sent >= 0) {
+            return sent;
+        }
+        if (errno != EINTR) {
+            return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
         }
     }
-    return send_all(handle, flat, used);
 }
 
 int send_limit_ms(int handle)

@@ -39,6 +39,13 @@ HTTPD_SUPPORT_EXPORT ssize_t ace_send(int handle, const void* data, size_t lengt
 /// ace_send for a vector of any number of entries, which is not changed. @return the sum or -1.
 HTTPD_SUPPORT_EXPORT ssize_t ace_sendv(int handle, const iovec* iov, int count);
 
+/**
+ * Sends what the socket takes at once, with one system call and without SIGPIPE.
+ * @param count  at most IOV_MAX
+ * @return bytes taken, 0 when there is no room; -1 with errno.
+ */
+HTTPD_SUPPORT_EXPORT ssize_t ace_sendv_now(int handle, const iovec* iov, int count);
+
 /// Seconds that ace_send waits without progress on a handle that has no limit of its own.
 constexpr int DEFAULT_SEND_LIMIT = 30;
 

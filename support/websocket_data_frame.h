@@ -57,6 +57,9 @@ public:
     /// True when the header and the whole payload have been handed out.
     bool done() const { return header_length_ == 0 && remain_ == 0; }
 
+    /// The last data frame was not final: the next one continues its message.
+    bool message_open() const { return message_open_; }
+
 private:
     enum : size_t { MAX_HEADER = 14 };
 
