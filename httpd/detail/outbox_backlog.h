@@ -19,7 +19,7 @@ class Loop_IO;
  *
  * Used by the thread of the loop alone.
  */
-class Outbox_Backlog {
+class HTTPD_EXPORT Outbox_Backlog {
 public:
     struct Posted {
         WebSocket_Outbox::Message message_;
