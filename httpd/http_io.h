@@ -43,7 +43,8 @@ public:
     void uri_off(size_type offset) { uri_off_ = offset; }
     size_type uri_off() const { return uri_off_; }
 
-    /// The receive buffer; null before the first read. Only to be looked at.
+    /// The receive buffer; null while no input has arrived that is not handled yet. Only to be
+    /// looked at.
     const ACE_Message_Block* mb() const { return mb_; }
 
     HTTP_SOCK_State request_state() const { return request_state_; }
@@ -140,7 +141,7 @@ protected:
     std::atomic<HTTP_SOCK_State> response_state_{HTTP_SOCK_STATE_CLOSED};
     HTTP_Request request_;
     HTTP_Response response_;
-    ACE_Message_Block* mb_ = nullptr; ///< the receive buffer, owned
+    ACE_Message_Block* mb_ = nullptr; ///< the receive buffer, owned; null while there is nothing in it
     size_type uri_off_ = 0;
     ACE_INET_Addr original_addr_;
 };

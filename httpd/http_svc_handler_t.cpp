@@ -1,6 +1,7 @@
 #include "httpd/http_svc_handler_t.h"
 
 #include "httpd/detail/forwarded_for.h"
+#include "httpd/detail/receive_buffers.h"
 #include "httpd/detail/request_check.h"
 #include "httpd/detail/send_outcome.h"
 #include "httpd/detail/send_vector.h"
@@ -26,6 +27,7 @@
 #include <ace/ACE.h>
 #include <ace/FILE.h>
 #include <ace/Message_Block.h>
+#include <ace/Message_Queue_T.h>
 #include <ace/Monotonic_Time_Policy.h>
 #include <ace/OS_NS_strings.h>
 #include <ace/OS_NS_sys_time.h>
@@ -42,6 +44,7 @@
 #include <new>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 namespace {
 
@@ -63,15 +66,12 @@ int copy_inet_addr(const ACE_INET_Addr& from, ACE_Addr& to)
     return 0;
 }
 
-/// A block of `size` bytes, or null when there is no memory.
-ACE_Message_Block* new_message_block(size_t size)
+/// ACE would make a message queue for each connection, which nothing here uses: all share one.
+template <typename Sync>
+ACE_Message_Queue<Sync>* unused_queue()
 {
-    ACE_Message_Block* const block = new (std::nothrow) ACE_Message_Block(size);
-    if (block != nullptr && block->size() < size) {
-        block->release();
-        return nullptr;
-    }
-    return block;
+    static auto* const queue = new ACE_Message_Queue<Sync>;
+    return queue;
 }
 
 } // namespace

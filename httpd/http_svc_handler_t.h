@@ -146,6 +146,7 @@ private:
     // --- receiving ---
     int handle_data_reading(const ACE_Time_Value* timeout);
     int make_room();
+    void give_back_memory();
     int handle_receive_failure(const ACE_Time_Value* timeout);
     int handle_input_i();
     void start_request();

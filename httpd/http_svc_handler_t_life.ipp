@@ -3,7 +3,7 @@
 
 template <typename Stream, typename Sync>
 HTTP_Svc_Handler_T<Stream, Sync>::HTTP_Svc_Handler_T(ACE_Thread_Manager* manager)
-    : ACE_Svc_Handler<Stream, Sync>(manager, nullptr, ACE_Reactor::instance())
+    : ACE_Svc_Handler<Stream, Sync>(manager, unused_queue<Sync>(), ACE_Reactor::instance())
 {
     this->reference_counting_policy().value(ACE_Event_Handler::Reference_Counting_Policy::ENABLED);
     Live_Connections::instance().add();
@@ -132,7 +132,11 @@ int HTTP_Svc_Handler_T<Stream, Sync>::finish_upcall(Upcall& upcall, int result)
     if (result == -1 || this->is_suspended()) {
         return result == -1 ? -1 : 0;
     }
-    return this->has_unserved_bytes() || Stream_IO::pending(this->peer()) ? 1 : 0;
+    if (this->has_unserved_bytes() || Stream_IO::pending(this->peer())) {
+        return 1;
+    }
+    this->give_back_memory();
+    return 0;
 }
 
 /**

@@ -42,12 +42,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::make_room()
 {
     if (mb_ == nullptr) {
         const size_t configured = HTTP_Options::instance()->http_receive_buffer_size();
-        mb_ = new_message_block(configured != 0 ? configured : static_cast<size_t>(DEFAULT_BUFSIZ));
-        if (mb_ == nullptr) {
-            errno = ENOMEM;
-            return -1;
-        }
-        return 0;
+        mb_ = Receive_Buffers::take(configured != 0 ? configured
+                                                    : static_cast<size_t>(DEFAULT_BUFSIZ));
+        return mb_ != nullptr ? 0 : -1;
     }
     if (mb_->length() == 0) {
         mb_->reset();
@@ -67,6 +64,22 @@ int HTTP_Svc_Handler_T<Stream, Sync>::make_room()
     }
     HTTPD_ERROR("No buffer space even after crunching, buffer length %B.", mb_->length());
     return -1;
+}
+
+/**
+ * A connection that waits for input holds no memory for it, nor, between two requests, for the
+ * response. The request stays: the plug-in's handle_close may look at it.
+ */
+template <typename Stream, typename Sync>
+void HTTP_Svc_Handler_T<Stream, Sync>::give_back_memory()
+{
+    if (mb_ == nullptr || mb_->length() > 0) {
+        return;
+    }
+    Receive_Buffers::give(std::exchange(mb_, nullptr));
+    if (this->response_state() == HTTP_SOCK_STATE_CONTENT_SENT || this->is_websocket_protocol()) {
+        response_.give_back();
+    }
 }
 
 template <typename Stream, typename Sync>

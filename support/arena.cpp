@@ -1,9 +1,25 @@
 #include "support/arena.h"
 
+#include "support/thread_free_list_t.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <new>
+#include <utility>
+
+/// How a thread keeps blocks for its next arena.
+struct Arena::Block_Traits {
+    using Piece = Block;
+    static constexpr size_t MOST = 16;
+    static constexpr size_t MOST_BYTES = 4 * size_t{MAX_KEPT};
+
+    static Block* next(const Block& block) { return block.next_; }
+    static void set_next(Block& block, Block* next) { block.next_ = next; }
+    static size_t size(const Block& block) { return block.capacity_; }
+    static void free(Block* block) { std::free(block); }
+};
 
 Arena::~Arena()
 {
@@ -34,6 +50,11 @@ char* Arena::allocate_slow(size_t size)
     size_t capacity = FIRST_BLOCK;
     if (blocks_ != nullptr) {
         capacity = std::min<size_t>(blocks_->capacity_ * 2, MAX_KEPT);
+    } else if (Block* const block = Thread_Free_List_T<Block_Traits>::take()) {
+        if (block->capacity_ >= size) {
+            return add(block, size);
+        }
+        std::free(block);
     }
     capacity = std::max(capacity, size);
     if (capacity > SIZE_MAX - sizeof(Block)) {
@@ -45,10 +66,31 @@ char* Arena::allocate_slow(size_t size)
         errno = ENOMEM;
         return nullptr;
     }
-    blocks_ = new (memory) Block{blocks_, capacity};
-    cursor_ = blocks_->data() + size;
-    end_ = blocks_->data() + capacity;
-    return blocks_->data();
+    return add(new (memory) Block{nullptr, capacity}, size);
+}
+
+char* Arena::add(Block* block, size_t used)
+{
+    block->next_ = blocks_;
+    blocks_ = block;
+    cursor_ = block->data() + used;
+    end_ = block->data() + block->capacity_;
+    return block->data();
+}
+
+void Arena::give_back()
+{
+    if (blocks_ == nullptr) {
+        return;
+    }
+    if (blocks_->next_ != nullptr || blocks_->capacity_ > MAX_KEPT) {
+        keep_one_block();
+    }
+    if (blocks_ != nullptr) {
+        Thread_Free_List_T<Block_Traits>::give(std::exchange(blocks_, nullptr));
+    }
+    cursor_ = nullptr;
+    end_ = nullptr;
 }
 
 // Blocks double up to MAX_KEPT, so keeping the largest lets a connection whose messages are alike

@@ -8,7 +8,8 @@
 
 /**
  * Memory of one message: grows while a message is read or built, is emptied as a whole between two
- * messages, and then keeps what it has, so that a warm connection allocates nothing.
+ * messages, and then keeps what it has (reset) or leaves it to the thread's next arena (give_back),
+ * so that a warm connection allocates nothing.
  *
  * What `allocate` returned stays where it is until `reset` or destruction. Used by one thread at a
  * time; owned by the message.
@@ -61,10 +62,14 @@ public:
         }
     }
 
+    /// Forgets every allocation and keeps nothing: a block of at most `MAX_KEPT` bytes goes to the
+    /// next arena of the calling thread that needs one, the others are freed.
+    void give_back();
+
     /// Bytes that this arena holds, used or not.
     size_t capacity() const;
 
-    enum : size_t { FIRST_BLOCK = 1024, MAX_KEPT = 16 * 1024 };
+    enum : size_t { FIRST_BLOCK = 480, MAX_KEPT = 16 * 1024 };
 
 private:
     struct Block {
@@ -73,7 +78,10 @@ private:
         char* data() { return reinterpret_cast<char*>(this + 1); }
     };
 
+    struct Block_Traits;
+
     char* allocate_slow(size_t size);
+    char* add(Block* block, size_t used);
     void keep_one_block();
 
     Block* blocks_ = nullptr; ///< newest first; only the newest is allocated from

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <type_traits>
 
 namespace {
 
@@ -140,7 +141,7 @@ HTTP_Headers::Field* HTTP_Headers::find(int id, std::string_view name)
 
 const HTTP_Headers::Field* HTTP_Headers::find_by_name(std::string_view name) const
 {
-    for (const Field& field : fields_) {
+    for (const Field& field : fields()) {
         if (field.id == HTTP_HEAD_UNKNOWN && http_equal_no_case(field.name, name)) {
             return &field;
         }
@@ -156,25 +157,36 @@ int HTTP_Headers::append(int id, std::string_view name, std::string_view value)
     if (value_copy == nullptr || name_copy == nullptr) {
         return -1;
     }
-    if (fields_.size() == std::numeric_limits<Index>::max()) { // the index cannot count further
-        errno = ENOMEM;
+    if (size_ == capacity_ && grow() == -1) {
         return -1;
     }
-    try {
-        if (fields_.capacity() == 0) {
-            fields_.reserve(FIRST_FIELDS);
-        }
-        fields_.push_back({known ? id : HTTP_HEAD_UNKNOWN,
-                           0,
-                           {name_copy, name.size()},
-                           {value_copy, value.size()}});
-    } catch (const std::bad_alloc&) {
-        errno = ENOMEM;
-        return -1;
-    }
+    new (&fields_[size_++]) Field{
+        known ? id : HTTP_HEAD_UNKNOWN, 0, {name_copy, name.size()}, {value_copy, value.size()}};
     if (known && index_[id] == 0) {
-        index_[id] = static_cast<Index>(fields_.size());
+        index_[id] = static_cast<Index>(size_);
     }
+    return 0;
+}
+
+int HTTP_Headers::grow()
+{
+    constexpr std::uint32_t MOST = std::numeric_limits<Index>::max(); // the index counts no further
+    if (size_ == MOST) {
+        errno = ENOMEM;
+        return -1;
+    }
+    const std::uint32_t capacity =
+        fields_ == nullptr ? std::uint32_t{FIRST_FIELDS} : std::min(2 * capacity_, MOST);
+    void* const memory = arena_.allocate(capacity * sizeof(Field));
+    if (memory == nullptr) {
+        return -1;
+    }
+    static_assert(std::is_trivially_copyable_v<Field>);
+    if (size_ > 0) {
+        std::memcpy(memory, fields_, size_ * sizeof(Field));
+    }
+    fields_ = static_cast<Field*>(memory);
+    capacity_ = capacity;
     return 0;
 }
 
@@ -230,15 +242,17 @@ int HTTP_Headers::join(Field& field, std::string_view value)
 
 int HTTP_Headers::remove(int id, std::string_view name)
 {
-    const Field* const field = find(id, name);
+    Field* const field = find(id, name);
     if (field == nullptr) {
         return 0;
     }
-    if (id == HTTP_HEAD_SET_COOKIE) {
-        std::erase_if(fields_, [](const Field& f) { return f.id == HTTP_HEAD_SET_COOKIE; });
-    } else {
-        fields_.erase(fields_.begin() + (field - fields_.data()));
-    }
+    Field* const end = fields_ + size_;
+    Field* const new_end =
+        id == HTTP_HEAD_SET_COOKIE
+            ? std::remove_if(field, end,
+                             [](const Field& f) { return f.id == HTTP_HEAD_SET_COOKIE; })
+            : std::move(field + 1, end, field);
+    size_ = static_cast<std::uint32_t>(new_end - fields_);
     reindex();
     return 0;
 }
@@ -246,7 +260,7 @@ int HTTP_Headers::remove(int id, std::string_view name)
 void HTTP_Headers::reindex()
 {
     std::fill(std::begin(index_), std::end(index_), Index{0});
-    for (size_t i = fields_.size(); i > 0; --i) { // backwards: the first of a name stays
+    for (size_t i = size_; i > 0; --i) { // backwards: the first of a name stays
         const int id = fields_[i - 1].id;
         if (is_known(id)) {
             index_[id] = static_cast<Index>(i);
@@ -256,9 +270,8 @@ void HTTP_Headers::reindex()
 
 void HTTP_Headers::reset()
 {
-    if (fields_.capacity() > MAX_KEPT_FIELDS) {
-        std::vector<Field>().swap(fields_);
-    }
-    fields_.clear();
+    fields_ = nullptr;
+    size_ = 0;
+    capacity_ = 0;
     std::fill(std::begin(index_), std::end(index_), Index{0});
 }

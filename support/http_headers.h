@@ -5,8 +5,8 @@
 #include "support/http_header_id.h"
 
 #include <cstdint>
+#include <span>
 #include <string_view>
-#include <vector>
 
 /**
  * The header fields of one message, in the order in which they were put.
@@ -59,16 +59,18 @@ public:
      */
     int add(int id, std::string_view name, std::string_view value);
 
-    size_t size() const { return fields_.size(); }
-    const std::vector<Field>& fields() const { return fields_; }
-    std::vector<Field>::const_iterator begin() const { return fields_.begin(); }
-    std::vector<Field>::const_iterator end() const { return fields_.end(); }
+    size_t size() const { return size_; }
+
+    /// All fields; good until the next put, add or reset.
+    std::span<const Field> fields() const { return {fields_, size_}; }
+    const Field* begin() const { return fields_; }
+    const Field* end() const { return fields_ + size_; }
 
     /// Removes every field. The arena is the owner's to reset.
     void reset();
 
-    /// Fields for which there is room at first, and for which room is kept at a reset.
-    enum : size_t { FIRST_FIELDS = 16, MAX_KEPT_FIELDS = 128 };
+    /// Fields for which there is room at first.
+    enum : std::uint32_t { FIRST_FIELDS = 8 };
 
 private:
     using Index = std::uint16_t;
@@ -80,9 +82,12 @@ private:
     int replace(Field& field, std::string_view value);
     int join(Field& field, std::string_view value);
     int remove(int id, std::string_view name);
+    int grow();
     void reindex();
 
     Arena& arena_;
-    std::vector<Field> fields_;
+    Field* fields_ = nullptr; ///< in the arena
+    std::uint32_t size_ = 0;
+    std::uint32_t capacity_ = 0;
     Index index_[NUM_HTTP_HEADS] = {}; ///< 1 + position of the first in fields_, 0 = absent
 };

@@ -310,6 +310,12 @@ void HTTP_Response::reset()
     minor_version_ = 1;
 }
 
+void HTTP_Response::give_back()
+{
+    reset();
+    arena_.give_back();
+}
+
 int HTTP_Response::iovec_count() const
 {
     return 1;

@@ -166,6 +166,9 @@ public:
     /// Empties it for the next response of the connection: 200, HTTP/1.1, no fields.
     void reset();
 
+    /// reset(), and leaves the memory to the next message of the calling thread.
+    void give_back();
+
     /// How many entries to_iovec() needs at most.
     int iovec_count() const;
 

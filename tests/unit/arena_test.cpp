@@ -105,6 +105,46 @@ TEST(Arena, settles_on_one_block_when_messages_are_alike)
     }
 }
 
+TEST(Arena, leaves_its_memory_to_the_next_arena_of_the_thread)
+{
+    Arena first;
+    const char* const text = first.copy("text");
+    first.give_back();
+    EXPECT_EQ(first.capacity(), 0U);
+    Arena second;
+    EXPECT_EQ(second.copy("other"), text);
+    EXPECT_STREQ(first.copy("again"), "again");
+    EXPECT_STREQ(second.copy("more"), "more");
+}
+
+TEST(Arena, keeps_nothing_large_when_it_gives_its_memory_back)
+{
+    Arena arena;
+    const void* const large = arena.allocate(2 * Arena::MAX_KEPT);
+    ASSERT_NE(large, nullptr);
+    arena.give_back();
+    EXPECT_EQ(arena.capacity(), 0U);
+    ASSERT_NE(arena.copy("text"), nullptr);
+    EXPECT_LE(arena.capacity(), size_t{Arena::MAX_KEPT});
+}
+
+TEST(Arena, takes_no_block_from_the_thread_that_is_too_small)
+{
+    Arena small;
+    ASSERT_NE(small.copy("text"), nullptr);
+    small.give_back();
+    Arena arena;
+    const std::string large(2 * Arena::MAX_KEPT, 'x');
+    EXPECT_EQ(arena.copy(large), large);
+}
+
+TEST(Arena, gives_nothing_back_when_it_holds_nothing)
+{
+    Arena arena;
+    arena.give_back();
+    EXPECT_STREQ(arena.copy("text"), "text");
+}
+
 TEST(Arena, reports_enomem_for_sizes_that_cannot_be)
 {
     Arena arena;

@@ -522,6 +522,21 @@ TEST(HTTP_Response, takes_no_memory_once_it_is_warm)
     }
 }
 
+TEST(HTTP_Response, is_empty_and_usable_after_its_memory_was_given_back)
+{
+    HTTP_Response response;
+    response.status(404, "Nowhere");
+    response.content_type("text/html");
+    response.give_back();
+    EXPECT_EQ(response.status(), 200);
+    EXPECT_STREQ(response.reason(), "OK");
+    EXPECT_EQ(response.content_type(), nullptr);
+    EXPECT_EQ(response.headers().size(), 0U);
+    EXPECT_EQ(response.arena().capacity(), 0U);
+    response.content_type("text/plain");
+    EXPECT_STREQ(response.content_type(), "text/plain");
+}
+
 TEST(http_status_reason, knows_the_registered_codes)
 {
     const struct {

@@ -1,18 +1,11 @@
 #include "tests/support/environment_variable.h"
 #include "tests/support/probe_server.h"
+#include "tests/support/sanitized.h"
 #include "tests/wire/websocket_messages.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define HTTPD_TEST_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define HTTPD_TEST_SANITIZED 1
-#endif
-#endif
 
 namespace {
 
