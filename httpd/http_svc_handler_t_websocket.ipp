@@ -153,7 +153,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_websocket_receiving()
     if (this->closing_) {
         return HANDLE_ERROR; // the plug-in has shut it down: handle_close is all that follows
     }
-    if (mb_->length() == 0) {
+    // Frames that are in the buffer already wait too: another thread may be answering meanwhile,
+    // and no pong of ours may break into its frames.
+    if (mb_->length() == 0 || this->is_suspended()) {
         return HANDLE_CONTINUE;
     }
     size_t length = 0;
@@ -283,6 +285,8 @@ template <typename Stream, typename Sync>
 void HTTP_Svc_Handler_T<Stream, Sync>::close_websocket()
 {
     if (request_state_ != HTTP_SOCK_STATE_WEBSOCKET_CLOSING) {
+        // First of all, lest a send_ping() that waits in there reads on.
+        request_state_ = HTTP_SOCK_STATE_WEBSOCKET_CLOSING;
         ws_handler_->handle_close(WebSocket_Data_Frame::CLOSE_ABNORMAL, nullptr, 0);
     }
     HTTPD_DEBUG("%t| WebSocket %s closed.", addr_string_type(remote_addr_, WITH_PORT).c_str());
@@ -318,6 +322,7 @@ ssize_t HTTP_Svc_Handler_T<Stream, Sync>::send_frame_i(const void* data, size_t 
     const int entries = ws_frame_.to_iovec(iov, 2, data, length);
     if (entries < 0) {
         HTTPD_ERROR("Failed to serialize WebSocket to I/O vector.");
+        ws_frame_.withdraw();
         return -1;
     }
     return this->write_frame(iov, entries);
@@ -337,6 +342,7 @@ ssize_t HTTP_Svc_Handler_T<Stream, Sync>::sendv_frame_i(const iovec* iov, int co
         const int entries = ws_frame_.to_iovec(cursor, room, piece.iov_base, piece.iov_len);
         if (entries < 0) {
             HTTPD_ERROR("Failed to serialize WebSocket to I/O vector.");
+            ws_frame_.withdraw();
             return -1;
         }
         cursor += entries;
@@ -413,11 +419,15 @@ int HTTP_Svc_Handler_T<Stream, Sync>::send_ping(bool wait)
         return 0;
     }
     if (this->response_state() != HTTP_SOCK_STATE_WEBSOCKET_FRAMING ||
-        request_state_ != HTTP_SOCK_STATE_WEBSOCKET_HANDSHAKED || // the peer's close has been read
-        this->handle_data_reading(HTTP_Options::instance()->ping_timeout()) < 0 ||
-        this->handle_input_i() < 0) {
+        request_state_ != HTTP_SOCK_STATE_WEBSOCKET_HANDSHAKED) { // the peer's close has been read
         return -1;
     }
+    do {
+        if (this->handle_data_reading(HTTP_Options::instance()->ping_timeout()) < 0 ||
+            this->handle_input_i() < 0) {
+            return -1;
+        }
+    } while (!ws_frame_.done()); // the plug-in's next frame must not break into half a pong
     return 0;
 }
 
@@ -453,8 +463,14 @@ template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::handle_ping_interval(const ACE_Time_Value& now,
                                                            const ACE_Time_Value& interval)
 {
-    if (now - last_input_time_ < interval) {
+    // While reading is suspended another thread may be sending, and no pong could be read.
+    if (now - last_input_time_ < interval || this->is_suspended()) {
         return 0; // input is proof enough of life
+    }
+    // A ping must not break into a pong whose payload has come by half; a client that sends no more
+    // of it for another interval loses that care.
+    if (!ws_frame_.done() && now - last_input_time_ < interval + interval) {
+        return 0;
     }
     constexpr bool WAIT = false;
     if (this->send_ping(WAIT) < 0) {

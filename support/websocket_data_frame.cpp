@@ -25,6 +25,7 @@ bool is_data(unsigned char opcode)
 void WebSocket_Data_Frame::init(bool fin, unsigned char opcode, unsigned long payload_length,
                                 bool mask)
 {
+    message_was_open_ = message_open_;
     if (is_data(opcode)) {
         const bool continues = message_open_;
         message_open_ = !fin;
@@ -82,4 +83,11 @@ int WebSocket_Data_Frame::to_iovec(iovec* out, int room, const void* data, size_
         remain_ -= length;
     }
     return filled;
+}
+
+void WebSocket_Data_Frame::withdraw()
+{
+    message_open_ = message_was_open_;
+    header_length_ = 0;
+    remain_ = 0;
 }

@@ -54,6 +54,9 @@ public:
      */
     int to_iovec(iovec* out, int room, const void* data, size_t length);
 
+    /// Takes back the frame that init() started, when none of it was written.
+    void withdraw();
+
     /// True when the header and the whole payload have been handed out.
     bool done() const { return header_length_ == 0 && remain_ == 0; }
 
@@ -66,5 +69,6 @@ private:
     std::uint64_t remain_ = 0;        ///< payload bytes still to be handed out
     unsigned char header_length_ = 0; ///< 0: the header has been handed out
     bool message_open_ = false;       ///< the last data frame was not final
+    bool message_was_open_ = false;   ///< before the present frame
     unsigned char header_[MAX_HEADER] = {};
 };

@@ -11,6 +11,7 @@
 #include "support/log.h"
 
 #include <map>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -133,12 +134,44 @@ private:
         return whole.find("/" + std::string(word) + "/") != std::string::npos;
     }
 
+    int echo(std::string_view piece, bool last)
+    {
+        return io_->send_frame(piece.data(), piece.size(), last, TEXT) == -1 ? -1 : 0;
+    }
+
+    int hold()
+    {
+        constexpr bool SUSPEND = true;
+        const std::lock_guard<std::mutex> guard(held_mutex_);
+        if (held_ != nullptr || io_->suspend_read(SUSPEND) == -1) {
+            return -1;
+        }
+        io_->add_reference();
+        held_ = io_;
+        HTTPD_INFO("ws: held");
+        return 0;
+    }
+
+    /// Answers in the thread of another connection, and reads on.
+    static void release_held()
+    {
+        constexpr bool RESUME = false;
+        const std::lock_guard<std::mutex> guard(held_mutex_);
+        held_->send_frame("released", 8, FINAL, TEXT);
+        held_->suspend_read(RESUME);
+        held_->remove_reference();
+        held_ = nullptr;
+    }
+
     int ping(bool wait)
     {
         const int result = io_->send_ping(wait);
         HTTPD_INFO("ws: send_ping %d", result);
         return 0;
     }
+
+    static inline std::mutex held_mutex_;
+    static inline WebSocket_IO* held_ = nullptr; ///< the connection in mode "hold"
 
     WebSocket_IO* io_ = nullptr;
     std::string path_;
@@ -256,6 +289,37 @@ const std::map<std::string, WebSocket_Probe::Data_Mode>& WebSocket_Probe::data_m
          }},
         {"ping",
          [](WebSocket_Probe& self, std::string_view, bool) { return self.ping(DONT_WAIT); }},
+        // Begins a message without data, which is refused; the rest it echoes.
+        {"null-frame",
+         [](WebSocket_Probe& self, std::string_view piece, bool last) {
+             if (piece == "null") {
+                 HTTPD_INFO("ws: send_frame %d",
+                            static_cast<int>(self.io_->send_frame(nullptr, 5, MORE, TEXT)));
+                 return 0;
+             }
+             return self.echo(piece, last);
+         }},
+        // "hold" suspends reading until "release" comes on another connection.
+        {"hold",
+         [](WebSocket_Probe& self, std::string_view piece, bool last) {
+             if (piece == "hold") {
+                 return self.hold();
+             }
+             if (piece == "release") {
+                 release_held();
+                 return 0;
+             }
+             return self.echo(piece, last);
+         }},
+        // "wait" makes it wait and then send.
+        {"wait-and-send",
+         [](WebSocket_Probe& self, std::string_view piece, bool) {
+             if (piece.substr(0, 4) == "wait") {
+                 self.ping(WAIT);
+                 self.io_->send_frame("after", 5, FINAL, TEXT);
+             }
+             return 0;
+         }},
         // A word that begins with "wait" makes it wait; the rest it only logs.
         {"ping-wait", [](WebSocket_Probe& self, std::string_view piece,
                          bool) { return piece.substr(0, 4) == "wait" ? self.ping(WAIT) : 0; }},

@@ -279,3 +279,20 @@ TEST(WebSocket_Data_Frame, a_new_frame_replaces_one_that_was_not_sent)
     EXPECT_EQ("\x81\x02", bytes_of(out[0]));
     EXPECT_TRUE(frame.done());
 }
+
+TEST(WebSocket_Data_Frame, a_frame_that_was_withdrawn_leaves_no_trace)
+{
+    Frame frame;
+    EXPECT_EQ(0x01U, first_byte(frame, MORE, TEXT));
+    frame.init(FINAL, TEXT, 5, NO_MASK);
+    frame.withdraw();
+    EXPECT_TRUE(frame.done());
+    EXPECT_EQ(0x80U, first_byte(frame, FINAL, TEXT)) << "the message is still open";
+
+    frame.init(MORE, TEXT, 5, NO_MASK);
+    iovec out[2];
+    ASSERT_EQ(2, frame.to_iovec(out, 2, "Hel", 3));
+    frame.withdraw();
+    EXPECT_TRUE(frame.done());
+    EXPECT_EQ(0x82U, first_byte(frame, FINAL, BINARY)) << "no message was begun";
+}
