@@ -254,8 +254,11 @@ private:
     /// One that keeps to the rules is served as if it were alone.
     void converse(WebSocket_Client& client, const std::atomic<bool>& stopping)
     {
+        const Clock::time_point start = Clock::now();
         if (!client.open(this->target(chance_.coin() ? "echo" : "thread-echo"))) {
-            EXPECT_TRUE(stopping) << client.response().raw_head;
+            EXPECT_TRUE(stopping) << client.response().raw_head << "after "
+                                  << (Clock::now() - start) / milliseconds(1) << " ms, "
+                                  << (client.wire().at_end() ? "closed" : "silent");
             return;
         }
         for (unsigned i = 1 + chance_.below(10); i > 0; --i) {
