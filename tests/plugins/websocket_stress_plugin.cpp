@@ -178,13 +178,13 @@ private:
     bool large_ = false;
 };
 
-void send_frame(WebSocket_IO& io, Chance& chance)
+bool send_frame(WebSocket_IO& io, Chance& chance)
 {
     const std::string payload = chance.payload();
-    io.send_frame(payload.data(), payload.size(), !chance.one_in(10), chance.coin());
+    return io.send_frame(payload.data(), payload.size(), !chance.one_in(10), chance.coin()) != -1;
 }
 
-void send_vector(WebSocket_IO& io, Chance& chance)
+bool send_vector(WebSocket_IO& io, Chance& chance)
 {
     std::vector<std::string> pieces(chance.one_in(30) ? 300 : chance.below(6));
     std::vector<iovec> entries;
@@ -192,24 +192,26 @@ void send_vector(WebSocket_IO& io, Chance& chance)
         piece.assign(chance.coin() ? chance.below(100) : 0, 'v');
         entries.push_back({piece.data(), piece.size()});
     }
-    io.sendv_frame(entries.data(), static_cast<int>(entries.size()), !chance.one_in(10),
-                   chance.coin());
+    return io.sendv_frame(entries.data(), static_cast<int>(entries.size()), !chance.one_in(10),
+                          chance.coin()) != -1;
 }
 
-void send_fragments(WebSocket_IO& io, Chance& chance)
+bool send_fragments(WebSocket_IO& io, Chance& chance)
 {
     for (unsigned i = chance.below(4); i > 0; --i) {
         const std::string payload = chance.payload();
-        io.send_frame(payload.data(), payload.size(), MORE, TEXT);
+        if (io.send_frame(payload.data(), payload.size(), MORE, TEXT) == -1) {
+            return false;
+        }
         if (chance.one_in(3)) {
             io.send_ping(DONT_WAIT);
         }
     }
-    io.send_frame(nullptr, 0, FINAL, TEXT);
+    return io.send_frame(nullptr, 0, FINAL, TEXT) != -1;
 }
 
 /// A length without data, which is refused.
-void send_nothing(WebSocket_IO& io, Chance& chance)
+bool send_nothing(WebSocket_IO& io, Chance& chance)
 {
     const iovec entries[2] = {{const_cast<char*>("x"), 1}, {nullptr, 3}};
     if (chance.coin()) {
@@ -217,24 +219,26 @@ void send_nothing(WebSocket_IO& io, Chance& chance)
     } else {
         io.sendv_frame(entries, 2, chance.coin(), TEXT);
     }
+    return true;
 }
 
-void send_ping(WebSocket_IO& io, Chance&)
+bool send_ping(WebSocket_IO& io, Chance&)
 {
-    io.send_ping(DONT_WAIT);
+    return io.send_ping(DONT_WAIT) != -1;
 }
 
-void send_close_twice(WebSocket_IO& io, Chance& chance)
+bool send_close_twice(WebSocket_IO& io, Chance& chance)
 {
     if (chance.one_in(3)) {
         const std::string reason(chance.below(60), 'r');
         io.send_close_frame(WebSocket_Data_Frame::CLOSE_GOING_AWAY, reason.data(), reason.size());
         io.send_close_frame(WebSocket_Data_Frame::CLOSE_NORMAL);
     }
+    return true;
 }
 
 /// What belongs to an HTTP response; of an upgraded connection it is refused.
-void send_http(WebSocket_IO& io, Chance& chance)
+bool send_http(WebSocket_IO& io, Chance& chance)
 {
     const iovec entry = {const_cast<char*>("body"), 4};
     switch (chance.below(4)) {
@@ -251,9 +255,10 @@ void send_http(WebSocket_IO& io, Chance& chance)
         io.send_file(chance.coin() ? "/etc/services" : "/no/such/file");
         break;
     }
+    return true;
 }
 
-void ask(WebSocket_IO& io, Chance&)
+bool ask(WebSocket_IO& io, Chance&)
 {
     ACE_INET_Addr inet;
     ACE_UNIX_Addr local;
@@ -265,6 +270,7 @@ void ask(WebSocket_IO& io, Chance&)
     io.get_remote_addr(WITH_PORT);
     io.get_original_addr();
     static_cast<void>(io.is_ssl());
+    return true;
 }
 
 void tune(WebSocket_IO& io, Chance& chance)
@@ -274,16 +280,17 @@ void tune(WebSocket_IO& io, Chance& chance)
     io.socket_timeout(SEND_SECONDS, chance.coin() ? 1 : 0);
 }
 
-using Operation = void (*)(WebSocket_IO& io, Chance& chance);
+/// @return false when a write has failed
+using Operation = bool (*)(WebSocket_IO& io, Chance& chance);
 
 /// What may be done in any call, and by another thread while reading is suspended.
 constexpr Operation OPERATIONS[] = {send_frame,     send_frame,   send_vector, send_vector,
                                     send_fragments, send_nothing, send_ping,   send_close_twice,
                                     send_http,      ask};
 
-void do_any(WebSocket_IO& io, Chance& chance)
+bool do_any(WebSocket_IO& io, Chance& chance)
 {
-    OPERATIONS[chance.below(std::size(OPERATIONS))](io, chance);
+    return OPERATIONS[chance.below(std::size(OPERATIONS))](io, chance);
 }
 
 class Stress_Handler : public WebSocket_Handler {
@@ -354,13 +361,14 @@ private:
             return 0;
         }
         handed_over_ = false;
-        for (unsigned i = chance_.below(4); i > 0 && !handed_over_; --i) {
+        stuck_ = false;
+        for (unsigned i = chance_.below(4); i > 0 && !handed_over_ && !stuck_; --i) {
             this->do_one(call);
         }
         if (handed_over_) {
             return 0; // perhaps by a call within this one: the connection is another thread's
         }
-        return chance_.one_in(25) ? -1 : chance_.one_in(5) ? 1 : 0;
+        return stuck_ || chance_.one_in(25) ? -1 : chance_.one_in(5) ? 1 : 0;
     }
 
     void do_one(Call call)
@@ -390,7 +398,8 @@ private:
             tune(*io_, chance_);
             break;
         default:
-            do_any(*io_, chance_);
+            // A thread of its own goes on; a loop is not to wait for this client again.
+            stuck_ = !do_any(*io_, chance_) && !in_own_thread_;
             break;
         }
     }
@@ -426,8 +435,9 @@ private:
         // This object lives as long as the connection does.
         const auto answer = [this, chance = Chance(chance_.below(1000000))]() mutable {
             chance.allow_large();
-            for (unsigned i = chance.below(4); i > 0; --i) {
-                do_any(*io_, chance);
+            bool goes_on = true;
+            for (unsigned i = chance.below(4); i > 0 && goes_on; --i) {
+                goes_on = do_any(*io_, chance);
             }
             away_.store(false, std::memory_order_relaxed);
             io_->suspend_read(RESUME);
@@ -446,6 +456,7 @@ private:
     bool hands_over_ = false;
     bool echoes_ = false;
     bool handed_over_ = false; ///< in the present call
+    bool stuck_ = false;       ///< a write in the present call has failed, in an event loop
     bool was_away_ = false;
     /// Another thread has the connection. Without order: what it did is to be seen by the engine's
     /// own order alone.

@@ -85,6 +85,8 @@ public:
                          "--socket-send-timeout",
                          "1",
                          "--accept-timeout=20",
+                         "--listen-backlog",
+                         "1024",
                          "-p",
                          tls_address_ + ":8443s",
                          "-p",
