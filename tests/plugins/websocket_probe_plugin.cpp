@@ -271,6 +271,17 @@ const std::map<std::string, WebSocket_Probe::Data_Mode>& WebSocket_Probe::data_m
                      : self.io_->send_close_frame(WebSocket_Data_Frame::CLOSE_NORMAL, nullptr, 7));
              return 0;
          }},
+        {"close-and-shutdown",
+         [](WebSocket_Probe& self, std::string_view, bool) {
+             self.io_->send_close_frame(WebSocket_Data_Frame::CLOSE_GOING_AWAY);
+             self.io_->shutdown();
+             return 0;
+         }},
+        {"close-and-fail",
+         [](WebSocket_Probe& self, std::string_view, bool) {
+             self.io_->send_close_frame(WebSocket_Data_Frame::CLOSE_GOING_AWAY);
+             return -1;
+         }},
         {"shutdown",
          [](WebSocket_Probe& self, std::string_view, bool) {
              self.io_->shutdown();

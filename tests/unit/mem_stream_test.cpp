@@ -137,6 +137,35 @@ TEST(MEM_Stream, splits_what_is_larger_than_the_pool)
     EXPECT_TRUE(received == data);
 }
 
+TEST(MEM_Stream, a_send_that_never_waits_takes_what_there_is_room_for)
+{
+    Mem_Connection connection;
+    ASSERT_TRUE(connection.is_open());
+    const std::string data = pattern(40 * 1024 * 1024 + 3);
+    size_t done = 0;
+    const auto send_now = [&] {
+        const iovec iov[2] = {{const_cast<char*>(data.data()) + done, 1},
+                              {const_cast<char*>(data.data()) + done + 1, data.size() - done - 1}};
+        const ssize_t taken = IO::sendv_now(connection.server, iov, 2);
+        done += taken > 0 ? static_cast<size_t>(taken) : 0;
+        return taken;
+    };
+    EXPECT_GT(send_now(), 0);
+    EXPECT_LT(done, data.size());
+    EXPECT_EQ(send_now(), 0); // the pool is full
+    std::string received;
+    std::thread reader([&] { received = client_reads(connection, data.size()); });
+    while (done < data.size() && send_now() >= 0) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(done, data.size());
+    if (done < data.size()) {
+        IO::close(connection.server);
+    }
+    reader.join();
+    EXPECT_TRUE(received == data);
+}
+
 TEST(MEM_Stream, gives_up_with_ETIME_on_a_client_that_does_not_read)
 {
     Mem_Connection connection;

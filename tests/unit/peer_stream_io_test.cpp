@@ -17,6 +17,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <memory>
@@ -350,6 +351,81 @@ TEST(Pipe_Stream_IO, does_not_give_away_what_belongs_to_others)
     EXPECT_EQ(Peer_Stream_IO_T<Pipe_Stream>::half_close_and_detach(guest), -1);
     EXPECT_NE(fcntl(in.first.get(), F_GETFD), -1);
     EXPECT_NE(fcntl(out.second.get(), F_GETFD), -1);
+}
+
+TYPED_TEST(Plain_Stream_IO, a_send_that_never_waits_takes_what_there_is_room_for)
+{
+    using IO = Peer_Stream_IO_T<TypeParam>;
+    Wired<TypeParam> wired;
+    const std::string data = pattern(4 * 1024 * 1024);
+    size_t done = 0;
+    std::string received;
+    while (done < data.size()) {
+        const size_t half = (data.size() - done) / 2;
+        const iovec iov[3] = {
+            {const_cast<char*>(data.data()) + done, half},
+            {nullptr, 0},
+            {const_cast<char*>(data.data()) + done + half, data.size() - done - half}};
+        const ssize_t taken = IO::sendv_now(wired.stream, iov, 3);
+        ASSERT_GE(taken, 0);
+        done += static_cast<size_t>(taken);
+        if (taken == 0) {
+            make_readable(wired.peer.get());
+            char buffer[64 * 1024];
+            const ssize_t count = recv(wired.peer.get(), buffer, sizeof buffer, 0);
+            ASSERT_GT(count, 0);
+            received.append(buffer, static_cast<size_t>(count));
+        }
+    }
+    EXPECT_LT(received.size(), data.size()) << "the last bytes lie in the socket";
+    received += read_up_to(wired.peer.get(), data.size() - received.size());
+    EXPECT_TRUE(received == data);
+    wired.peer.close();
+    const iovec byte{const_cast<char*>("x"), 1};
+    ssize_t result = 0;
+    for (int i = 0; i < 100 && result >= 0; ++i) {
+        result = IO::sendv_now(wired.stream, &byte, 1);
+    }
+    EXPECT_EQ(result, -1);
+    EXPECT_TRUE(errno == EPIPE || errno == ECONNRESET) << errno;
+}
+
+TEST(Tls_Stream_IO, a_send_that_never_waits_takes_what_there_is_room_for)
+{
+    Tls_Connection connection;
+    ASSERT_TRUE(connection.open);
+    const std::string data = pattern(2 * 1024 * 1024);
+    // Until nobody reads, there is an end to what is taken.
+    size_t done = 0;
+    size_t offered = 1000; // later calls offer the same bytes and more
+    for (int idle = 0; idle < 3; offered += 50'000) {
+        offered = std::min(offered, data.size());
+        const iovec iov[2] = {{const_cast<char*>(data.data()) + done, 10},
+                              {const_cast<char*>(data.data()) + done + 10, offered - done - 10}};
+        const ssize_t taken = Tls_IO::sendv_now(*connection.stream, iov, 2);
+        ASSERT_GE(taken, 0);
+        done += static_cast<size_t>(taken);
+        idle += taken == 0 ? 1 : 0;
+        ASSERT_LT(done + 20, data.size());
+    }
+    std::string received;
+    std::thread reading([&] { received = connection.client->read(data.size()); });
+    while (done < data.size()) {
+        const iovec rest{const_cast<char*>(data.data()) + done, data.size() - done};
+        const ssize_t taken = Tls_IO::sendv_now(*connection.stream, &rest, 1);
+        if (taken == -1) {
+            ADD_FAILURE() << "errno " << errno;
+            break;
+        }
+        done += static_cast<size_t>(taken);
+        pollfd room{connection.stream->get_handle(), POLLOUT, 0};
+        poll(&room, 1, 10'000);
+    }
+    if (done < data.size()) {
+        shutdown(connection.stream->get_handle(), SHUT_RDWR);
+    }
+    reading.join();
+    EXPECT_TRUE(received == data);
 }
 
 TEST(Tls_Stream_IO, prepare_makes_the_descriptor_non_blocking)

@@ -18,6 +18,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -109,6 +110,38 @@ struct Wired : Reactor_Loop {
     std::shared_ptr<WebSocket_Outbox> outbox;
 };
 
+/// Something for the loop's thread to do.
+class Loop_Call : public ACE_Event_Handler {
+public:
+    explicit Loop_Call(std::function<void()> what) : what_(std::move(what))
+    {
+        reference_counting_policy().value(Reference_Counting_Policy::ENABLED);
+    }
+    Reference_Count add_reference() override { return references_.fetch_add(1) + 1; }
+    Reference_Count remove_reference() override
+    {
+        const Reference_Count left = references_.fetch_sub(1) - 1;
+        if (left == 0) {
+            delete this;
+        }
+        return left;
+    }
+    int handle_exception(ACE_HANDLE) override
+    {
+        what_();
+        done.set_value();
+        return 0;
+    }
+
+    std::promise<void> done;
+
+private:
+    ~Loop_Call() override { reactor(nullptr); }
+
+    std::function<void()> what_;
+    std::atomic<Reference_Count> references_{1};
+};
+
 /// A loop that a thread runs until the end of the test.
 struct Loop_Thread : Reactor_Loop {
     Loop_Thread()
@@ -132,15 +165,11 @@ struct Loop_Thread : Reactor_Loop {
     /// Has the loop do something, and waits for it.
     void run(const std::function<void()>& what)
     {
-        Held_Probe probe(ACE_INVALID_HANDLE);
-        std::promise<void> done;
-        probe.probe->on_exception = [&](ACE_HANDLE) {
-            what();
-            done.set_value();
-            return 0;
-        };
-        ASSERT_EQ(0, reactor.notify(probe.probe, ACE_Event_Handler::EXCEPT_MASK));
-        done.get_future().wait();
+        Loop_Call* const call = new Loop_Call(what);
+        std::future<void> done = call->done.get_future();
+        EXPECT_EQ(0, reactor.notify(call, ACE_Event_Handler::EXCEPT_MASK));
+        call->remove_reference(); // the notification holds one
+        done.wait();
     }
 
     std::thread thread;

@@ -1,6 +1,7 @@
 #include "tests/support/environment_variable.h"
 #include "tests/support/probe_server.h"
 #include "tests/support/sanitized.h"
+#include "tests/support/websocket_client.h"
 #include "tests/wire/websocket_messages.h"
 
 #include <gtest/gtest.h>
@@ -30,7 +31,8 @@ protected:
                           {"/files", "httpd_files", "_make_Files", "--root " + root},
                           {"/echo", "httpd_echo", "_make_Echo"}};
         setup.websockets = {{"/ws", "httpd_ws_echo", "_make_WS_Echo"},
-                            {"/ws-thread", "httpd_ws_echo", "_make_WS_Echo", "--thread"}};
+                            {"/ws-thread", "httpd_ws_echo", "_make_WS_Echo", "--thread"},
+                            {"/chat", "httpd_ws_chat", "_make_WS_Chat"}};
         const Environment_Variable preload("LD_PRELOAD", library_path("malloc_counter"));
         server_ = std::make_unique<Probe_Server>(setup);
         client_ = server_->connect();
@@ -156,4 +158,24 @@ TEST_F(HTTP_Allocation, pings_cost_none)
         EXPECT_TRUE(client.send(WS_PING, "payload"));
         EXPECT_EQ("payload", client.read().payload);
     }));
+}
+
+TEST_F(HTTP_Allocation, pushed_message_costs_its_payload)
+{
+    WebSocket_Client member(server_->connect());
+    ASSERT_TRUE(member.open("/chat"));
+    const auto talk = [&member](long messages) {
+        for (long i = 0; i < messages; ++i) {
+            ASSERT_TRUE(member.send(WS_TEXT, "short"));
+            ASSERT_EQ("short", member.read().payload);
+        }
+    };
+    talk(WARM_UP);
+    this->count();
+    const long before = this->count();
+    talk(REQUESTS);
+    const long allocated = this->count() - before;
+    EXPECT_GE(allocated, REQUESTS);
+    // The loop's queue of notifications takes a piece of memory for some tens of them.
+    EXPECT_LE(allocated, REQUESTS + REQUESTS / 10);
 }
