@@ -16,6 +16,7 @@ set(HTTPD_PUBLIC_HEADERS
     http_options.h
     object_creator_t.h
     simple_creator_t.h
+    utils.h
     websocket_handler.h
     websocket_io.h
     websocket_outbox.h
