@@ -240,8 +240,7 @@ TEST_P(WS_Chat_Over, a_member_that_does_not_read_is_dropped_and_nobody_waits)
     std::atomic<bool> busy{true};
     std::atomic<int> said{0};
     milliseconds slowest(0);
-    std::thread talk(
-        [&] { slowest = slowest_talk(*speaker, *hearer, text, busy, 100, said); });
+    std::thread talk([&] { slowest = slowest_talk(*speaker, *hearer, text, busy, 100, said); });
     EXPECT_TRUE(chat.host().wait_for_log(DROPPED, seconds(60)));
     busy = false;
     talk.join();
