@@ -427,7 +427,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::send_ping(bool wait)
             this->handle_input_i() < 0) {
             return -1;
         }
-    } while (!ws_frame_.done()); // the plug-in's next frame must not break into half a pong
+        // The plug-in's next frame must not break into half a pong. Of a connection that a call in
+        // there has suspended, the frame may be another thread's already.
+    } while (!this->is_suspended() && !ws_frame_.done());
     return 0;
 }
 
