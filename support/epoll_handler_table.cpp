@@ -75,6 +75,12 @@ ACE_Reactor_Mask from_epoll(uint32_t events, ACE_Reactor_Mask mask)
     return ready;
 }
 
+// As poll(2) tells of a regular file: it can always be read and written, and is never exceptional.
+ACE_Reactor_Mask always_ready_events(ACE_Reactor_Mask mask)
+{
+    return from_epoll(EPOLLIN | EPOLLOUT, mask);
+}
+
 uint64_t to_tag(ACE_HANDLE handle, uint32_t generation)
 {
     return static_cast<uint64_t>(generation) << 32 | static_cast<uint32_t>(handle);
@@ -173,6 +179,7 @@ int Epoll_Handler_Table::bind(ACE_HANDLE handle, ACE_Event_Handler* handler, ACE
         slot->queued = 0;
         slot->suspended = false;
         slot->armed = false;
+        slot->always_ready = false;
         slot->closing = false;
     }
 
@@ -418,18 +425,24 @@ void Epoll_Handler_Table::queue(const Upcall& upcall, ACE_Reactor_Mask event)
     if (slot == nullptr || (slot->mask & asked_for(event)) == 0) {
         return;
     }
-    slot->queued = static_cast<uint8_t>(slot->queued | event);
-    if (slot->linked) {
+    this->queue_i(upcall.handle, *slot, event);
+}
+
+/// The lock is held.
+void Epoll_Handler_Table::queue_i(ACE_HANDLE handle, Slot& slot, ACE_Reactor_Mask events)
+{
+    slot.queued = static_cast<uint8_t>(slot.queued | events);
+    if (slot.linked || slot.queued == 0) {
         return;
     }
-    slot->linked = true;
-    slot->next_queued = ACE_INVALID_HANDLE;
+    slot.linked = true;
+    slot.next_queued = ACE_INVALID_HANDLE;
     if (first_queued_ == ACE_INVALID_HANDLE) {
-        first_queued_ = upcall.handle;
+        first_queued_ = handle;
     } else {
-        this->slot(last_queued_)->next_queued = upcall.handle;
+        this->slot(last_queued_)->next_queued = handle;
     }
-    last_queued_ = upcall.handle;
+    last_queued_ = handle;
     queued_.fetch_add(1);
 }
 
@@ -458,6 +471,11 @@ bool Epoll_Handler_Table::take_queued(Upcall& upcall)
     }
     slot.handler->add_reference();
     upcall = {slot.handler, handle, slot.generation, ready};
+    if (slot.always_ready) {
+        // Behind the others, hence for the next round; whoever removes or suspends it meanwhile
+        // has it left out there.
+        this->queue_i(handle, slot, always_ready_events(slot.mask));
+    }
     return true;
 }
 
@@ -558,15 +576,26 @@ int Epoll_Handler_Table::arm(ACE_HANDLE handle, uint32_t generation, uint32_t ev
         }
         return 0;
     }
-    if (result == -1 && error != EEXIST) {
+    const bool refused = result == -1 && error == EPERM; // it never waits: no event tells of it
+    if (result == -1 && error != EEXIST && !refused) {
         errno = error;
         return -1;
     }
-    slot.armed = true;
+    if (!refused) {
+        this->set_armed(slot);
+    }
     if (result == 0 && !slot.suspended && to_epoll(slot.mask) == events) {
         return 0;
     }
     return this->synchronise(handle, slot);
+}
+
+void Epoll_Handler_Table::set_armed(Slot& slot)
+{
+    slot.armed = true;
+    if (std::exchange(slot.always_ready, false)) {
+        slot.queued = 0; // the number belongs to another kind of descriptor now
+    }
 }
 
 /// Makes the epoll set agree with the slot; the lock is held. A suspended descriptor and one
@@ -584,13 +613,18 @@ int Epoll_Handler_Table::synchronise(ACE_HANDLE handle, Slot& slot)
     }
     if (!slot.armed) {
         if (this->control(EPOLL_CTL_ADD, handle, slot.generation, events) == 0) {
-            slot.armed = true;
+            this->set_armed(slot);
+            return 0;
+        }
+        if (errno == EPERM) {
+            slot.always_ready = true;
+            this->queue_i(handle, slot, always_ready_events(slot.mask));
             return 0;
         }
         if (errno != EEXIST) {
             return -1;
         }
-        slot.armed = true;
+        this->set_armed(slot);
     }
     if (this->control(EPOLL_CTL_MOD, handle, slot.generation, events) == 0) {
         return 0;

@@ -59,7 +59,9 @@ public:
     static constexpr uint64_t FIRST_OWN_TAG = UINT64_MAX - 1;
 
     /// Adds `mask` to what the handler gets for the handle. EINVAL, EEXIST (the slot is another
-    /// handler's), ESHUTDOWN, EBADF, ENOMEM, or what epoll says (EPERM for a regular file).
+    /// handler's), ESHUTDOWN, EBADF, ENOMEM, or what epoll says; but a descriptor that epoll
+    /// refuses because it never waits (EPERM) is bound all the same, and queued anew whenever it is
+    /// taken.
     int bind(ACE_HANDLE handle, ACE_Event_Handler* handler, ACE_Reactor_Mask mask);
 
     /// Takes `mask` from the handle; with DONT_CALL in it, handle_close is not called. A null
@@ -121,8 +123,9 @@ private:
         uint8_t queued = 0;  ///< upcalls due without an event of the kernel
         bool linked = false; ///< in the list of those; outlives the binding
         bool suspended = false;
-        bool armed = false;   ///< known to be in the epoll set
-        bool closing = false; ///< the reference belongs to the thread that runs handle_close
+        bool armed = false;        ///< known to be in the epoll set
+        bool always_ready = false; ///< refused by epoll: queued for as long as it is wanted
+        bool closing = false;      ///< the reference belongs to the thread that runs handle_close
     };
 
     // Slots never move: the table grows by whole chunks, so that growing it copies nothing.
@@ -138,6 +141,8 @@ private:
     int control(int operation, ACE_HANDLE handle, uint32_t generation, uint32_t events) const;
     int arm(ACE_HANDLE handle, uint32_t generation, uint32_t events);
     int synchronise(ACE_HANDLE handle, Slot& slot);
+    void set_armed(Slot& slot);
+    void queue_i(ACE_HANDLE handle, Slot& slot, ACE_Reactor_Mask events);
 
     mutable Lock mutex_;
     ACE_Lock_Adapter<Lock> lock_adapter_;

@@ -391,6 +391,15 @@ int Epoll_Reactor::dispatch_queued(size_t left)
     return dispatched;
 }
 
+/// A descriptor that epoll cannot watch ends no wait by itself. @return `result`
+int Epoll_Reactor::wake_for_queue(int result)
+{
+    if (table_.queued() != 0) {
+        this->wake();
+    }
+    return result;
+}
+
 int Epoll_Reactor::work_pending(const ACE_Time_Value& max_wait_time)
 {
     if (!table_.is_open()) {
@@ -443,13 +452,13 @@ int Epoll_Reactor::register_handler(ACE_Event_Handler* handler, ACE_Reactor_Mask
         errno = EINVAL;
         return -1;
     }
-    return table_.bind(handler->get_handle(), handler, mask);
+    return this->wake_for_queue(table_.bind(handler->get_handle(), handler, mask));
 }
 
 int Epoll_Reactor::register_handler(ACE_HANDLE handle, ACE_Event_Handler* handler,
                                     ACE_Reactor_Mask mask)
 {
-    return table_.bind(handle, handler, mask);
+    return this->wake_for_queue(table_.bind(handle, handler, mask));
 }
 
 int Epoll_Reactor::register_handler(ACE_HANDLE, ACE_HANDLE, ACE_Event_Handler*, ACE_Reactor_Mask)
@@ -460,8 +469,9 @@ int Epoll_Reactor::register_handler(ACE_HANDLE, ACE_HANDLE, ACE_Event_Handler*, 
 int Epoll_Reactor::register_handler(const ACE_Handle_Set& handles, ACE_Event_Handler* handler,
                                     ACE_Reactor_Mask mask)
 {
-    return for_each_handle(handles,
-                           [&](ACE_HANDLE handle) { return table_.bind(handle, handler, mask); });
+    return for_each_handle(handles, [&](ACE_HANDLE handle) {
+        return this->wake_for_queue(table_.bind(handle, handler, mask));
+    });
 }
 
 int Epoll_Reactor::register_handler(int signum, ACE_Event_Handler* new_handler,
@@ -534,24 +544,25 @@ int Epoll_Reactor::suspend_handlers()
 
 int Epoll_Reactor::resume_handler(ACE_Event_Handler* handler)
 {
-    return table_.resume(handler->get_handle(), handler);
+    return this->wake_for_queue(table_.resume(handler->get_handle(), handler));
 }
 
 int Epoll_Reactor::resume_handler(ACE_HANDLE handle)
 {
-    return table_.resume(handle, nullptr);
+    return this->wake_for_queue(table_.resume(handle, nullptr));
 }
 
 int Epoll_Reactor::resume_handler(const ACE_Handle_Set& handles)
 {
-    return for_each_handle(handles,
-                           [&](ACE_HANDLE handle) { return table_.resume(handle, nullptr); });
+    return for_each_handle(handles, [&](ACE_HANDLE handle) {
+        return this->wake_for_queue(table_.resume(handle, nullptr));
+    });
 }
 
 int Epoll_Reactor::resume_handlers()
 {
     table_.resume_all();
-    return 0;
+    return this->wake_for_queue(0);
 }
 
 int Epoll_Reactor::resumable_handler()
@@ -733,12 +744,12 @@ int Epoll_Reactor::requeue_position()
 
 int Epoll_Reactor::mask_ops(ACE_Event_Handler* handler, ACE_Reactor_Mask mask, int operation)
 {
-    return table_.mask_ops(handler->get_handle(), handler, mask, operation);
+    return this->wake_for_queue(table_.mask_ops(handler->get_handle(), handler, mask, operation));
 }
 
 int Epoll_Reactor::mask_ops(ACE_HANDLE handle, ACE_Reactor_Mask mask, int operation)
 {
-    return table_.mask_ops(handle, nullptr, mask, operation);
+    return this->wake_for_queue(table_.mask_ops(handle, nullptr, mask, operation));
 }
 
 int Epoll_Reactor::ready_ops(ACE_Event_Handler*, ACE_Reactor_Mask, int)

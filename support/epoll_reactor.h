@@ -35,6 +35,10 @@ struct epoll_event;
  * - Inside handle_close the handler's mask is 0 when nothing is left of it, also at close(); it is
  *   -1 when the handle is not registered, or registered by another handler.
  * - A handle that another handler holds cannot be registered: EEXIST.
+ * - A descriptor that epoll refuses with EPERM, since it never waits (a regular file, the null
+ *   device), counts as always ready for input and output, and never as exceptional: its handler is
+ *   called once in each round, between the others, until it is removed or suspended. While one is
+ *   registered the loop does not rest.
  * - EPOLLHUP and EPOLLERR go to handle_input, else to handle_output, else to handle_exception.
  * - Timers run on CLOCK_MONOTONIC: timer_queue()->gettimeofday() and the time that handle_timeout
  *   gets are that clock's.
@@ -184,6 +188,7 @@ private:
     void settle(const Upcall& upcall, ACE_Reactor_Mask event, int result);
     bool has_work() const;
     void wake();
+    int wake_for_queue(int result);
     bool owns_timers() const { return timers_ == own_timers_.get(); }
 
     // The loop and those who wake it agree by one word: only a loop that waits, or is about to, has

@@ -246,23 +246,6 @@ TEST(Epoll_Reactor, refuses_a_handle_that_another_handler_holds)
     EXPECT_EQ(other_record.inputs, 0);
 }
 
-TEST(Epoll_Reactor, refuses_a_regular_file_with_eperm)
-{
-    Loop loop;
-    char name[] = "/tmp/epoll_reactor_XXXXXX";
-    const int file = ::mkstemp(name);
-    ASSERT_NE(file, -1);
-    ::unlink(name);
-    Held_Probe held_probe(file);
-    Reactor_Probe* const probe = held_probe.probe;
-    errno = 0;
-    EXPECT_EQ(loop.reactor.register_handler(probe, READ), -1);
-    EXPECT_EQ(errno, EPERM);
-    EXPECT_EQ(probe->references(), 1);
-    EXPECT_EQ(loop.mask(probe), -1);
-    ::close(file);
-}
-
 TEST(Epoll_Reactor, refuses_what_it_cannot_register)
 {
     Loop loop;
