@@ -58,18 +58,22 @@ int Deadline::left_ms() const
                                                           static_cast<int64_t>(INT_MAX)));
 }
 
-int wait_for_handle(int handle, short events, const Deadline& deadline, bool restart)
+int wait_for_handle(int handle, short events, const Deadline& deadline, bool restart, int cancel)
 {
     if (handle < 0) { // poll takes a negative number for an entry to skip
         errno = EBADF;
         return -1;
     }
     for (;;) {
-        pollfd entry{handle, events, 0};
+        pollfd entries[2] = {{handle, events, 0}, {cancel, POLLIN, 0}};
         const int left = deadline.left_ms();
-        const int ready = poll(&entry, 1, left);
+        const int ready = poll(entries, cancel < 0 ? 1 : 2, left);
         if (ready > 0) {
-            if ((entry.revents & POLLNVAL) != 0) {
+            if (entries[1].revents != 0) {
+                errno = ECANCELED;
+                return -1;
+            }
+            if ((entries[0].revents & POLLNVAL) != 0) {
                 errno = EBADF;
                 return -1;
             }
@@ -85,9 +89,11 @@ int wait_for_handle(int handle, short events, const Deadline& deadline, bool res
     }
 }
 
-int wait_for_room(int handle, int limit_ms)
+int wait_for_room(int handle, int limit_ms, int cancel)
 {
-    const int ready = wait_for_handle(handle, POLLOUT, Deadline::after_ms(limit_ms));
+    constexpr bool RESTART = true;
+    const int ready =
+        wait_for_handle(handle, POLLOUT, Deadline::after_ms(limit_ms), RESTART, cancel);
     if (ready == 0) {
         errno = ETIME;
     }

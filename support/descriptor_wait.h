@@ -32,12 +32,15 @@ private:
  * operation on it tells. For descriptors of any number.
  *
  * @param restart  false: a signal ends the wait with EINTR.
+ * @param cancel   a descriptor that ends the wait with ECANCELED once it is readable, also when
+ *                 `handle` is ready; -1 = none.
  * @return 1 when ready, 0 when the deadline has passed, -1 with errno.
  */
-int wait_for_handle(int handle, short events, const Deadline& deadline, bool restart = true);
+int wait_for_handle(int handle, short events, const Deadline& deadline, bool restart = true,
+                    int cancel = -1);
 
 /// wait_for_handle for writing: 0, or -1 with errno; ETIME when the limit has passed.
-int wait_for_room(int handle, int limit_ms);
+int wait_for_room(int handle, int limit_ms, int cancel = -1);
 
 /// The end of a socket's own limit for one receive (SO_RCVTIMEO), counted from now; never if none.
 Deadline receive_deadline(int handle);

@@ -59,11 +59,11 @@ size_t piece_limit(int handle)
     return flags != -1 && (flags & O_NONBLOCK) != 0 ? SIZE_MAX : PIPE_BUF;
 }
 
-ssize_t write_pieces(int handle, const char* data, size_t length, size_t limit)
+ssize_t write_pieces(int handle, const char* data, size_t length, size_t limit, int cancel)
 {
     size_t done = 0;
     while (done < length) {
-        if (wait_for_room(handle, DEFAULT_SEND_LIMIT * 1000) == -1) {
+        if (wait_for_room(handle, DEFAULT_SEND_LIMIT * 1000, cancel) == -1) {
             return -1;
         }
         const ssize_t written = write(handle, data + done, std::min(length - done, limit));
@@ -78,13 +78,14 @@ ssize_t write_pieces(int handle, const char* data, size_t length, size_t limit)
 
 } // namespace
 
-ssize_t write_all(int handle, const void* data, size_t length)
+ssize_t write_all(int handle, const void* data, size_t length, int cancel)
 {
     const Sigpipe_Guard guard;
-    return write_pieces(handle, static_cast<const char*>(data), length, piece_limit(handle));
+    return write_pieces(handle, static_cast<const char*>(data), length, piece_limit(handle),
+                        cancel);
 }
 
-ssize_t writev_all(int handle, const iovec* iov, int count)
+ssize_t writev_all(int handle, const iovec* iov, int count, int cancel)
 {
     size_t total = 0;
     if (iovec_total(iov, count, total) == -1) {
@@ -98,13 +99,13 @@ ssize_t writev_all(int handle, const iovec* iov, int count)
         const char* data = static_cast<const char*>(iov[i].iov_base);
         size_t length = iov[i].iov_len;
         if (used + length > sizeof buffer) {
-            if (write_pieces(handle, buffer, used, limit) == -1) {
+            if (write_pieces(handle, buffer, used, limit, cancel) == -1) {
                 return -1;
             }
             used = 0;
         }
         if (length > sizeof buffer) {
-            if (write_pieces(handle, data, length, limit) == -1) {
+            if (write_pieces(handle, data, length, limit, cancel) == -1) {
                 return -1;
             }
             length = 0;
@@ -114,7 +115,37 @@ ssize_t writev_all(int handle, const iovec* iov, int count)
             used += length;
         }
     }
-    return write_pieces(handle, buffer, used, limit) == -1 ? -1 : static_cast<ssize_t>(total);
+    return write_pieces(handle, buffer, used, limit, cancel) == -1 ? -1
+                                                                   : static_cast<ssize_t>(total);
+}
+
+ssize_t writev_file(int handle, const iovec* iov, int count)
+{
+    size_t total = 0;
+    if (iovec_total(iov, count, total) == -1) {
+        return -1;
+    }
+    size_t done = 0;
+    size_t offset = 0; // into the first entry
+    while (done < total) {
+        while (offset >= iov->iov_len) { // entries that are done, and empty ones
+            offset -= iov->iov_len;
+            ++iov;
+            --count;
+        }
+        // What a full disk or a limit has cut an entry to is written alone: the rest follows.
+        const ssize_t written =
+            offset == 0 ? writev(handle, iov, std::min(count, IOV_MAX))
+                        : write(handle, static_cast<const char*>(iov->iov_base) + offset,
+                                iov->iov_len - offset);
+        if (written >= 0) {
+            offset += static_cast<size_t>(written);
+            done += static_cast<size_t>(written);
+        } else if (errno != EINTR) {
+            return -1;
+        }
+    }
+    return static_cast<ssize_t>(total);
 }
 
 ssize_t writev_now(int handle, const iovec* iov, int count)

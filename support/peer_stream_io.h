@@ -46,6 +46,10 @@ enum class Receive_Mode { NEVER_WAIT, WAIT };
         static ssize_t sendv_now(STREAM& stream, const iovec* iov, int count);                     \
         /* Ends the stream's own protocol without waiting and closes what it owns. */              \
         static void close(STREAM& stream);                                                         \
+        /* Makes the thread that waits in a receive or a send come back, now and from now on.      \
+           Other than the rest, called by another thread, but never while the stream may be        \
+           closed. */                                                                              \
+        static void interrupt(STREAM& stream);                                                     \
         /* Ends the stream's own protocol and the sending side, and gives the descriptor away      \
            unclosed, so that late input can be read and dropped; -1 when there is none to give. */ \
         static int half_close_and_detach(STREAM& stream);                                          \

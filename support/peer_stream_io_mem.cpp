@@ -41,6 +41,11 @@ void Peer_Stream_IO_T<MEM_Stream>::close(MEM_Stream& stream)
     stream.close();
 }
 
+void Peer_Stream_IO_T<MEM_Stream>::interrupt(MEM_Stream& stream)
+{
+    ::shutdown(stream.get_handle(), SHUT_RDWR);
+}
+
 int Peer_Stream_IO_T<MEM_Stream>::half_close_and_detach(MEM_Stream& stream)
 {
     const int handle = stream.get_handle();

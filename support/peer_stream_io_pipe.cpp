@@ -1,13 +1,14 @@
-#include "support/descriptor_wait.h"
 #include "support/peer_stream_io.h"
 
-#include <poll.h>
+#include <fcntl.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 
-int Peer_Stream_IO_T<Pipe_Stream>::prepare(Pipe_Stream&)
+int Peer_Stream_IO_T<Pipe_Stream>::prepare(Pipe_Stream& stream)
 {
-    return 0; // the descriptors' mode is shared with other processes
+    // The descriptors stay as they are: their mode is shared with other processes.
+    return stream.make_interruptible();
 }
 
 ssize_t Peer_Stream_IO_T<Pipe_Stream>::receive(Pipe_Stream& stream, void* buffer, size_t length,
@@ -48,12 +49,20 @@ void Peer_Stream_IO_T<Pipe_Stream>::close(Pipe_Stream& stream)
     stream.close();
 }
 
+void Peer_Stream_IO_T<Pipe_Stream>::interrupt(Pipe_Stream& stream)
+{
+    stream.interrupt();
+}
+
 int Peer_Stream_IO_T<Pipe_Stream>::half_close_and_detach(Pipe_Stream& stream)
 {
-    // Only what the stream owns can be given away; one descriptor for both sides cannot be half
-    // closed here, since it need not be a socket.
-    const bool gives = stream.owns(true) && stream.get_handle(true) != stream.get_handle(false);
-    const int handle = gives ? stream.release_read_handle() : ACE_INVALID_HANDLE;
+    // What a pipe holds is not lost when its other side has input left that nobody reads.
+    int handle = ACE_INVALID_HANDLE;
+    if (stream.is_one_socket()) {
+        ::shutdown(stream.get_handle(false), SHUT_WR);
+        // The socket may belong to others: a copy is given away.
+        handle = ::fcntl(stream.get_handle(true), F_DUPFD_CLOEXEC, 0);
+    }
     stream.close();
     return handle;
 }

@@ -136,6 +136,11 @@ void Peer_Stream_IO_T<ACE_SOCK_Stream>::close(ACE_SOCK_Stream& stream)
     close_socket(stream);
 }
 
+void Peer_Stream_IO_T<ACE_SOCK_Stream>::interrupt(ACE_SOCK_Stream& stream)
+{
+    ::shutdown(stream.get_handle(), SHUT_RDWR);
+}
+
 int Peer_Stream_IO_T<ACE_SOCK_Stream>::half_close_and_detach(ACE_SOCK_Stream& stream)
 {
     return half_close(stream);
@@ -175,6 +180,11 @@ ssize_t Peer_Stream_IO_T<LSOCK_Stream>::sendv_now(LSOCK_Stream& stream, const io
 void Peer_Stream_IO_T<LSOCK_Stream>::close(LSOCK_Stream& stream)
 {
     close_socket(stream);
+}
+
+void Peer_Stream_IO_T<LSOCK_Stream>::interrupt(LSOCK_Stream& stream)
+{
+    ::shutdown(stream.get_handle(), SHUT_RDWR);
 }
 
 int Peer_Stream_IO_T<LSOCK_Stream>::half_close_and_detach(LSOCK_Stream& stream)

@@ -284,6 +284,11 @@ void Peer_Stream_IO_T<ACE_SSL_SOCK_Stream>::close(ACE_SSL_SOCK_Stream& stream)
     }
 }
 
+void Peer_Stream_IO_T<ACE_SSL_SOCK_Stream>::interrupt(ACE_SSL_SOCK_Stream& stream)
+{
+    ::shutdown(stream.get_handle(), SHUT_RDWR);
+}
+
 int Peer_Stream_IO_T<ACE_SSL_SOCK_Stream>::half_close_and_detach(ACE_SSL_SOCK_Stream& stream)
 {
     tls_say_goodbye(stream);

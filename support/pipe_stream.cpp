@@ -2,8 +2,12 @@
 
 #include "support/descriptor_wait.h"
 #include "support/descriptor_write.h"
+#include "support/socket_helpers.h"
 
 #include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,8 +23,26 @@ int close_handle(int handle, bool own)
 } // namespace
 
 Pipe_Stream::Pipe_Stream(int in, bool own_in, int out, bool own_out)
-    : in_(in), out_(out), own_in_(own_in), own_out_(own_out)
+    : in_(in), out_(out), own_in_(own_in), own_out_(own_out), in_kind_(kind_of(in)),
+      out_kind_(kind_of(out))
 {
+}
+
+Pipe_Stream::~Pipe_Stream()
+{
+    close_handle(interrupt_, true);
+}
+
+Pipe_Stream::Kind Pipe_Stream::kind_of(int handle)
+{
+    struct stat info {};
+    if (::fstat(handle, &info) == -1) {
+        return Kind::PIPE; // reading or writing will tell what is wrong with it
+    }
+    if (S_ISSOCK(info.st_mode)) {
+        return Kind::SOCKET;
+    }
+    return S_ISREG(info.st_mode) ? Kind::REGULAR_FILE : Kind::PIPE;
 }
 
 void Pipe_Stream::set_handle(int handle, bool is_read, bool own)
@@ -33,12 +55,14 @@ void Pipe_Stream::set_handle(int handle, bool is_read, bool own)
     }
     side = handle;
     owned = own;
+    (is_read ? in_kind_ : out_kind_) = kind_of(handle);
 }
 
 void Pipe_Stream::set_handle(int handle)
 {
     in_ = out_ = handle;
     own_in_ = own_out_ = false;
+    in_kind_ = out_kind_ = kind_of(handle);
 }
 
 int Pipe_Stream::close()
@@ -47,6 +71,7 @@ int Pipe_Stream::close()
     const int out = std::exchange(out_, ACE_INVALID_HANDLE);
     const bool own_in = std::exchange(own_in_, false);
     const bool own_out = std::exchange(own_out_, false);
+    close_handle(std::exchange(interrupt_, ACE_INVALID_HANDLE), true);
     if (in == out) {
         return close_handle(in, own_in || own_out);
     }
@@ -54,10 +79,30 @@ int Pipe_Stream::close()
     return close_handle(in, own_in) == -1 ? -1 : result;
 }
 
-int Pipe_Stream::release_read_handle()
+bool Pipe_Stream::is_one_socket() const
 {
-    own_in_ = false;
-    return std::exchange(in_, ACE_INVALID_HANDLE);
+    struct stat in {};
+    struct stat out {};
+    return in_kind_ == Kind::SOCKET && out_kind_ == Kind::SOCKET && ::fstat(in_, &in) == 0 &&
+           ::fstat(out_, &out) == 0 && in.st_dev == out.st_dev && in.st_ino == out.st_ino;
+}
+
+int Pipe_Stream::make_interruptible()
+{
+    if (interrupt_ == ACE_INVALID_HANDLE) {
+        interrupt_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    }
+    return interrupt_ == ACE_INVALID_HANDLE ? -1 : 0;
+}
+
+void Pipe_Stream::interrupt()
+{
+    if (interrupt_ != ACE_INVALID_HANDLE) {
+        ::eventfd_write(interrupt_, 1);
+    }
+    if (out_kind_ == Kind::SOCKET && out_ != ACE_INVALID_HANDLE) {
+        ::shutdown(out_, SHUT_RDWR); // a send on a socket waits for nothing else
+    }
 }
 
 ssize_t Pipe_Stream::recv(void* buffer, size_t length, const ACE_Time_Value* timeout) const
@@ -65,14 +110,17 @@ ssize_t Pipe_Stream::recv(void* buffer, size_t length, const ACE_Time_Value* tim
     const Deadline deadline = Deadline::after(timeout);
     for (;;) {
         // A read is only made when it cannot wait: the descriptor may be a blocking one.
-        const int ready = wait_for_handle(in_, POLLIN, deadline);
+        constexpr bool RESTART = true;
+        const int ready = wait_for_handle(in_, POLLIN, deadline, RESTART, interrupt_);
         if (ready == 0) {
             errno = ETIME;
         }
         if (ready <= 0) {
-            return -1;
+            return ready == -1 && errno == ECANCELED ? 0 : -1;
         }
-        const ssize_t received = ::read(in_, buffer, length);
+        const ssize_t received = in_kind_ == Kind::SOCKET
+                                     ? ::recv(in_, buffer, length, MSG_DONTWAIT)
+                                     : ::read(in_, buffer, length);
         if (received >= 0 || (errno != EINTR && errno != EAGAIN)) {
             return received;
         }
@@ -81,12 +129,21 @@ ssize_t Pipe_Stream::recv(void* buffer, size_t length, const ACE_Time_Value* tim
 
 ssize_t Pipe_Stream::send(const void* data, size_t length) const
 {
-    return write_all(out_, data, length);
+    const iovec entry{const_cast<void*>(data), length};
+    return this->sendv(&entry, 1);
 }
 
 ssize_t Pipe_Stream::sendv(const iovec* iov, int count) const
 {
-    return writev_all(out_, iov, count);
+    switch (out_kind_) {
+    case Kind::SOCKET:
+        return ace_sendv(out_, iov, count);
+    case Kind::REGULAR_FILE:
+        return writev_file(out_, iov, count);
+    case Kind::PIPE:
+        break;
+    }
+    return writev_all(out_, iov, count, interrupt_);
 }
 
 ssize_t Pipe_Stream::sendv_now(const iovec* iov, int count) const

@@ -16,7 +16,7 @@
  * any kind (pipes, a terminal, files, one socket for both).
  *
  * The descriptors are often shared with other processes (standard input and output), so the stream
- * never changes their blocking mode.
+ * never changes their blocking mode. Used by one thread at a time, but for interrupt().
  */
 class HTTPD_SUPPORT_EXPORT Pipe_Stream {
 public:
@@ -24,6 +24,12 @@ public:
 
     /// No descriptors.
     Pipe_Stream() = default;
+
+    /// Closes nothing of what was given to the stream: that is close().
+    ~Pipe_Stream();
+
+    Pipe_Stream(const Pipe_Stream&) = delete;
+    Pipe_Stream& operator=(const Pipe_Stream&) = delete;
 
     /**
      * @param in, out          the descriptors to read from and to write to; ACE_INVALID_HANDLE =
@@ -50,23 +56,32 @@ public:
     /// The descriptor to read from: what an event loop watches.
     int get_handle() const { return in_; }
 
-    /// Whether close() closes that side.
-    bool owns(bool is_read) const { return is_read ? own_in_ : own_out_; }
+    /// Both sides are one and the same socket, under one number or two (as inetd gives it).
+    bool is_one_socket() const;
+
+    /// Makes interrupt() work. Called before another thread may call it. @return 0, or -1 with
+    /// errno. close() undoes it.
+    int make_interruptible();
+
+    /**
+     * Ends every wait of the thread that uses the stream, now and from now on: recv() finds the end
+     * of input, sends fail. Called by any other thread, but not while the stream may be closed.
+     */
+    void interrupt();
 
     /// Closes what the stream owns and forgets both descriptors. @return 0, or -1 with errno.
     int close();
 
-    /// Forgets the side to read from without closing it and gives it away.
-    int release_read_handle();
-
     /**
      * Reads what is there, waiting for it when there is nothing.
      * @param timeout  null = no limit.
-     * @return bytes; 0 at the end of input; -1 with errno, ETIME when the limit has passed.
+     * @return bytes; 0 at the end of input, or when interrupted; -1 with errno, ETIME when the
+     * limit has passed.
      */
     ssize_t recv(void* buffer, size_t length, const ACE_Time_Value* timeout = nullptr) const;
 
-    /// Writes everything, see ace_send(). @return `length`, or -1 with errno.
+    /// Writes everything, see ace_send(). @return `length`, or -1 with errno; ECANCELED or EPIPE
+    /// when interrupted.
     ssize_t send(const void* data, size_t length) const;
 
     /// Writes the whole vector, see ace_sendv(). @return the sum, or -1 with errno.
@@ -85,8 +100,16 @@ public:
     void dump() const {}
 
 private:
+    /// What a descriptor is decides how it is written to.
+    enum class Kind { PIPE, SOCKET, REGULAR_FILE };
+
+    static Kind kind_of(int handle);
+
     int in_ = ACE_INVALID_HANDLE;
     int out_ = ACE_INVALID_HANDLE;
     bool own_in_ = false;
     bool own_out_ = false;
+    Kind in_kind_ = Kind::PIPE;
+    Kind out_kind_ = Kind::PIPE;
+    int interrupt_ = ACE_INVALID_HANDLE; ///< an eventfd, readable once interrupt() was called
 };

@@ -272,6 +272,41 @@ TYPED_TEST(Plain_Stream_IO, a_signal_does_not_end_a_receive)
     sigaction(SIGUSR1, &old, nullptr);
 }
 
+TYPED_TEST(Plain_Stream_IO, interrupt_ends_a_receive_as_the_end_of_input)
+{
+    using IO = Peer_Stream_IO_T<TypeParam>;
+    for (const bool limited : {false, true}) {
+        Wired<TypeParam> wired;
+        ASSERT_EQ(IO::prepare(wired.stream), 0);
+        char buffer[16];
+        const ACE_Time_Value limit(30);
+        ssize_t received = -2;
+        std::thread reader([&] {
+            received = IO::receive(wired.stream, buffer, sizeof buffer, Receive_Mode::WAIT,
+                                   limited ? &limit : nullptr);
+        });
+        IO::interrupt(wired.stream);
+        reader.join();
+        EXPECT_EQ(received, 0);
+        EXPECT_EQ(IO::receive(wired.stream, buffer, sizeof buffer, Receive_Mode::WAIT, nullptr), 0)
+            << "and every later one";
+    }
+}
+
+TYPED_TEST(Plain_Stream_IO, interrupt_ends_a_send_that_waits)
+{
+    using IO = Peer_Stream_IO_T<TypeParam>;
+    Wired<TypeParam> wired;
+    ASSERT_EQ(IO::prepare(wired.stream), 0);
+    const std::string data = pattern(8 * 1024 * 1024);
+    ssize_t sent = 0;
+    std::thread writer([&] { sent = IO::send(wired.stream, data.data(), data.size()); });
+    read_up_to(wired.peer.get(), 1);
+    IO::interrupt(wired.stream);
+    writer.join();
+    EXPECT_EQ(sent, -1);
+}
+
 TYPED_TEST(Plain_Stream_IO, sends_all_of_a_vector)
 {
     using IO = Peer_Stream_IO_T<TypeParam>;
@@ -333,24 +368,46 @@ TYPED_TEST(Socket_Stream_IO, half_close_ends_the_sending_side_and_gives_the_sock
     EXPECT_EQ(IO::half_close_and_detach(wired.stream), -1) << "there is none to give any more";
 }
 
-TEST(Pipe_Stream_IO, gives_away_the_side_to_read_from_if_it_is_owned)
+TEST(Pipe_Stream_IO, half_closes_one_socket_for_both_sides_and_gives_a_copy_away)
 {
-    Test_Pair in = pipe_pair();
-    Test_Pair out = pipe_pair();
-    Pipe_Stream owner(in.first.release(), true, out.second.release(), true);
-    const Test_Fd handle(Peer_Stream_IO_T<Pipe_Stream>::half_close_and_detach(owner));
-    EXPECT_NE(handle.get(), -1);
-    EXPECT_EQ(read_up_to(out.first.get(), 1), "") << "the side to write to is closed";
+    for (const bool two_numbers : {false, true}) {
+        for (const bool own : {false, true}) {
+            SCOPED_TRACE(testing::Message() << two_numbers << own);
+            Test_Pair pair = tcp_pair();
+            const int in = pair.first.release();
+            const int out = two_numbers ? fcntl(in, F_DUPFD_CLOEXEC, 0) : in;
+            Pipe_Stream stream(in, own, out, own);
+            const Test_Fd copy(Peer_Stream_IO_T<Pipe_Stream>::half_close_and_detach(stream));
+            ASSERT_NE(copy.get(), -1);
+            EXPECT_EQ(stream.get_handle(), ACE_INVALID_HANDLE);
+            EXPECT_EQ(fcntl(in, F_GETFD) != -1, !own);
+            EXPECT_EQ(fcntl(out, F_GETFD) != -1, !own);
+            EXPECT_NE(fcntl(copy.get(), F_GETFD) & FD_CLOEXEC, 0);
+            EXPECT_EQ(read_up_to(pair.second.get(), 1), "") << "the peer sees the end";
+            ASSERT_EQ(write(pair.second.get(), "late", 4), 4);
+            EXPECT_EQ(read_up_to(copy.get(), 4), "late");
+            EXPECT_EQ(Peer_Stream_IO_T<Pipe_Stream>::half_close_and_detach(stream), -1);
+            if (!own) {
+                ::close(in);
+                if (two_numbers) {
+                    ::close(out);
+                }
+            }
+        }
+    }
 }
 
-TEST(Pipe_Stream_IO, does_not_give_away_what_belongs_to_others)
+TEST(Pipe_Stream_IO, has_nothing_to_give_away_of_pipes_or_of_two_sockets)
 {
-    Test_Pair in = pipe_pair();
-    Test_Pair out = pipe_pair();
-    Pipe_Stream guest(in.first.get(), false, out.second.get(), false);
-    EXPECT_EQ(Peer_Stream_IO_T<Pipe_Stream>::half_close_and_detach(guest), -1);
-    EXPECT_NE(fcntl(in.first.get(), F_GETFD), -1);
-    EXPECT_NE(fcntl(out.second.get(), F_GETFD), -1);
+    for (const bool sockets : {false, true}) {
+        SCOPED_TRACE(sockets);
+        const Test_Pair in = sockets ? unix_pair() : pipe_pair();
+        const Test_Pair out = sockets ? unix_pair() : pipe_pair();
+        Pipe_Stream stream(in.first.get(), false, out.second.get(), false);
+        EXPECT_EQ(Peer_Stream_IO_T<Pipe_Stream>::half_close_and_detach(stream), -1);
+        EXPECT_EQ(stream.get_handle(), ACE_INVALID_HANDLE);
+        EXPECT_EQ(write(out.second.get(), "x", 1), 1) << "nothing was shut";
+    }
 }
 
 TYPED_TEST(Plain_Stream_IO, a_send_that_never_waits_takes_what_there_is_room_for)
