@@ -3,7 +3,6 @@
 #include "httpd/http_authenticator_creator_map.h"
 #include "httpd/http_handler_creator_map.h"
 #include "httpd/http_options.h"
-#include "httpd/live_connections.h"
 #include "httpd/make_acceptor.h"
 #include "httpd/websocket_handler_creator_map.h"
 #include "support/log.h"
@@ -19,34 +18,12 @@
 #include <ace/UNIX_Addr.h>
 
 #include <cerrno>
-#include <chrono>
 #include <memory>
 #include <new>
-
-#include <signal.h>
 
 namespace {
 
 using Listen_Address = HTTP_Options::Listen_Address;
-
-/// How long a plug-in that is busy in a worker thread is waited for.
-constexpr std::chrono::seconds DRAIN_LIMIT(10);
-
-/// Services of this process between init and fini, which the host calls in one thread: they share
-/// the options and the registries.
-unsigned int serving_services = 0;
-
-/// A send to a peer that has gone must end in an error; TLS and shared-memory streams write without
-/// a way to say so for the single call.
-void ignore_sigpipe()
-{
-    struct sigaction action {};
-    if (::sigaction(SIGPIPE, nullptr, &action) == 0 && (action.sa_flags & SA_SIGINFO) == 0 &&
-        action.sa_handler == SIG_DFL) {
-        action.sa_handler = SIG_IGN;
-        ::sigaction(SIGPIPE, &action, nullptr);
-    }
-}
 
 template <typename Stream, typename Addr>
 ACE_Service_Object* make_acceptor_for(Event_Loop_Manager& loops, const HTTP_Options& options,
@@ -133,8 +110,7 @@ int HTTP_Service::init(int argc, char** argv)
                     reactor_type, loops);
         return -1;
     }
-    serving_ = true;
-    ++serving_services;
+    share_.start();
     HTTPD_INFO("HTTP event loops(reactor type: %s, number: %u) are started.", reactor_type, loops);
     for (int i = 0; options->listen_address(i) != nullptr; ++i) {
         // An address that cannot be listened on has been logged.
@@ -151,17 +127,9 @@ void HTTP_Service::clear()
     }
     acceptors_.clear();
     loops_.close();
-    if (serving_) {
-        serving_ = false;
-        --serving_services;
-        // What has moved to a thread of its own is not known to the loops. The connections of
-        // another service that goes on are not to be interrupted: the last one waits for all.
-        drained_ = serving_services == 0 && Live_Connections::instance().drain(DRAIN_LIMIT);
-        if (drained_) {
-            Event_Loop_Manager::free_abandoned();
-        } else {
-            loops_.abandon();
-        }
+    // What has moved to a thread of its own is not known to the loops.
+    if (!share_.stop()) {
+        loops_.abandon();
     }
 }
 
@@ -169,7 +137,7 @@ int HTTP_Service::fini()
 {
     this->clear();
     finish_log_compression();
-    if (drained_ && serving_services == 0) { // else they are in use
+    if (share_.is_last()) { // else they are in use
         HTTP_Options::close_instance();
         HTTP_Handler_Creator_Map::close_instance();
         HTTP_Authenticator_Creator_Map::close_instance();

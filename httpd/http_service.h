@@ -1,6 +1,7 @@
 #pragma once
 
 #include "httpd/export.h"
+#include "httpd/service_share.h"
 #include "support/event_loop_manager.h"
 
 #include <ace/Service_Object.h>
@@ -48,8 +49,7 @@ private:
 
     std::vector<ACE_Service_Object*> acceptors_; ///< owned, in the order of the listen addresses
     Event_Loop_Manager loops_;
-    bool serving_ = false; ///< connections may exist that came in through this service
-    bool drained_ = true;  ///< no connection was left when it last stopped
+    Service_Share share_; ///< held while connections may exist that came in through this service
 };
 
 extern "C" {

@@ -108,6 +108,18 @@ protected:
     Frame_State frame_state() const override;
     ssize_t sendv_now(const iovec* iov, int count) override;
 
+    // --- life, for a connection whose handle_close frees nothing and whose owner does ---
+    /**
+     * What handle_close does, but for the release: nobody drives the connection any more (no call
+     * comes, also none that is under way), and the plug-ins have been told. By its driver's thread.
+     */
+    void end_connection();
+    /**
+     * Makes it end, called by the thread that ran its loop: at once, or, when a worker thread
+     * drives it, as soon as the plug-in returns; the thread holds a reference until then.
+     */
+    void stop_connection();
+
 private:
     using Stream_IO = Peer_Stream_IO_T<Stream>;
     using Stream_Option = ACE_Peer_Stream_Option_T<Stream>;
@@ -126,6 +138,7 @@ private:
     int spawn();
     int finish_upcall(Upcall& upcall, int result);
     int handle_close_i();
+    bool tell_plug_ins();
     void close_stream();
     bool lingers() const;
     bool is_suspended() const;

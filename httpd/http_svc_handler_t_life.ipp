@@ -92,7 +92,13 @@ int HTTP_Svc_Handler_T<Stream, Sync>::close(u_long flags)
         this->remove_reference();
         return 0;
     }
-    return ACE_Svc_Handler<Stream, Sync>::close(flags);
+    const bool in_thread = concurrent_state_ == STATE_THREADING ||
+                           concurrent_state_ == STATE_THREADING_SUSPENDED;
+    const int result = ACE_Svc_Handler<Stream, Sync>::close(flags);
+    if (in_thread) {
+        this->remove_reference(); // the thread's
+    }
+    return result;
 }
 
 template <typename Stream, typename Sync>
@@ -126,7 +132,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::finish_upcall(Upcall& upcall, int result)
     upcall_ = nullptr;
     if (upcall.orphaned_ || this->closing_) {
         // It has left the reactor, which therefore calls no handle_close.
-        this->handle_close_i();
+        this->handle_close(ACE_INVALID_HANDLE, ACE_Event_Handler::ALL_EVENTS_MASK);
         return 0;
     }
     if (result == -1 || this->is_suspended()) {
@@ -163,7 +169,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_timeout(const ACE_Time_Value& now, 
     const int result = this->handle_timeout_i(now, act);
     upcall_ = nullptr;
     if (this->closing_) {
-        this->handle_close_i();
+        this->handle_close(ACE_INVALID_HANDLE, ACE_Event_Handler::ALL_EVENTS_MASK);
         return 0;
     }
     if (result == 0) {
@@ -189,7 +195,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_close(ACE_HANDLE handle, ACE_Reacto
                                                                  ACE_Reactor::GET_MASK)
                                              : -1;
     if (remaining == -1) {
-        if (concurrent_state_ == STATE_THREADING ||
+        if (this->closing_ || concurrent_state_ == STATE_THREADING ||
             concurrent_state_ == STATE_THREADING_SUSPENDED) {
             this->handle_close_i();
         }
@@ -208,8 +214,23 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_close(ACE_HANDLE handle, ACE_Reacto
 template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::handle_close_i()
 {
-    if (released_) {
+    if (!this->tell_plug_ins()) {
         return 0;
+    }
+    if (this->reactor() != nullptr) {
+        // Nobody drives it any more: a plug-in that still holds a reference resumes nothing.
+        concurrent_state_ = STATE_INITIAL;
+    }
+    this->remove_reference();
+    return 0;
+}
+
+/// Tells the plug-ins that the connection has ended. @return false: they have been told before.
+template <typename Stream, typename Sync>
+bool HTTP_Svc_Handler_T<Stream, Sync>::tell_plug_ins()
+{
+    if (released_) {
+        return false;
     }
     released_ = true;
     if (ACE::debug()) {
@@ -222,12 +243,33 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_close_i()
     if (handler_) {
         handler_->handle_close();
     }
-    if (this->reactor() != nullptr) {
-        // Nobody drives it any more: a plug-in that still holds a reference resumes nothing.
+    return true;
+}
+
+template <typename Stream, typename Sync>
+void HTTP_Svc_Handler_T<Stream, Sync>::end_connection()
+{
+    if (ACE_Reactor* const reactor = this->reactor()) {
+        this->cancel_timers();
+        if (this->peer().get_handle() != ACE_INVALID_HANDLE) {
+            reactor->remove_handler(this, ACE_Event_Handler::ALL_EVENTS_MASK |
+                                              ACE_Event_Handler::DONT_CALL);
+        }
         concurrent_state_ = STATE_INITIAL;
+    } else {
+        Live_Connections::instance().leave_thread(this);
     }
-    this->remove_reference();
-    return 0;
+    this->tell_plug_ins();
+}
+
+template <typename Stream, typename Sync>
+void HTTP_Svc_Handler_T<Stream, Sync>::stop_connection()
+{
+    if (this->reactor() != nullptr) {
+        this->end_connection();
+    } else {
+        Live_Connections::instance().interrupt(this);
+    }
 }
 
 /**
@@ -259,7 +301,9 @@ void HTTP_Svc_Handler_T<Stream, Sync>::close_stream()
     const ACE_HANDLE late_input =
         this->lingers() ? Stream_IO::half_close_and_detach(this->peer()) : ACE_INVALID_HANDLE;
     if (late_input != ACE_INVALID_HANDLE) {
-        if (this->reactor() != nullptr) {
+        // The end of a pipe connection has ended its loop, too.
+        constexpr bool HAS_LOOP = !std::is_same_v<Stream, Pipe_Stream>;
+        if (HAS_LOOP && this->reactor() != nullptr) {
             Lingering_Close::start(*this->reactor(), late_input);
         } else {
             Lingering_Close::run(late_input);
@@ -306,7 +350,7 @@ void HTTP_Svc_Handler_T<Stream, Sync>::shutdown()
     this->close_stream();
     // Inside a call of the driver the release waits until that call returns.
     if (upcall_ == nullptr && this->reactor() != nullptr) {
-        this->handle_close_i();
+        this->handle_close(ACE_INVALID_HANDLE, ACE_Event_Handler::ALL_EVENTS_MASK);
     }
 }
 
@@ -334,6 +378,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::spawn()
     upcall_ = nullptr;
     Live_Connections::instance().enter_thread(this);
     this->thr_mgr(&Live_Connections::instance().threads());
+    this->add_reference(); // the thread's: dropped by close(), its last call
     constexpr long DETACHED_THREAD = 0x800042; // THR_EXPLICIT_SCHED | THR_DETACHED | THR_NEW_LWP
     if (Signals_Blocked guard; this->activate(DETACHED_THREAD, 1) == 0) {
         // `this` is the thread's now.
@@ -345,6 +390,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::spawn()
     HTTPD_ERROR("Failed to start a worker thread for %s client %s, errno=%d, %m", this->protocol(),
                 addr_string_type(remote_addr_, WITH_PORT).c_str(), errno);
     Live_Connections::instance().leave_thread(this);
+    this->remove_reference();
     if (upcall != nullptr) {
         upcall->orphaned_ = true;
     }
@@ -407,7 +453,7 @@ template <typename Stream, typename Sync>
 void HTTP_Svc_Handler_T<Stream, Sync>::interrupt()
 {
     interrupted_ = true;
-    ::shutdown(this->peer().get_handle(), SHUT_RDWR);
+    Stream_IO::interrupt(this->peer());
     this->wake_worker();
 }
 

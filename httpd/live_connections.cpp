@@ -40,6 +40,14 @@ void Live_Connections::leave_thread(Worker* worker)
     workers_.erase(worker);
 }
 
+void Live_Connections::interrupt(Worker* worker)
+{
+    const std::lock_guard<std::mutex> guard(mutex_);
+    if (workers_.count(worker) > 0) {
+        worker->interrupt();
+    }
+}
+
 bool Live_Connections::drain(std::chrono::milliseconds limit)
 {
     const auto deadline = std::chrono::steady_clock::now() + limit;

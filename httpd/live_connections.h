@@ -42,6 +42,9 @@ public:
     void enter_thread(Worker* worker);
     void leave_thread(Worker* worker);
 
+    /// Interrupts this connection, if it is in a worker thread.
+    void interrupt(Worker* worker);
+
     /// What the worker threads are to be started by, so that drain() can wait for them.
     ACE_Thread_Manager& threads() { return threads_; }
 
