@@ -10,10 +10,10 @@ namespace {
 
 constexpr char HELP[] =
     R"(Usage: httpd_host [HOST OPTION]... [-f FILE]... [-S DIRECTIVE]...
-       httpd_host [HOST OPTION]... -- [SERVICE OPTION]...
+       httpd_host [HOST OPTION]... [--stdio] -- [SERVICE OPTION]...
 
 Runs services of the ACE Service Configurator, the HTTP and WebSocket server of libhttpd first of
-all, until SIGINT or SIGTERM ends it cleanly.
+all, until SIGINT or SIGTERM ends it cleanly, or the one connection of --stdio has ended.
 
 What to run, one of:
   -f FILE                  Process the service configuration file FILE; may be repeated.
@@ -21,6 +21,8 @@ What to run, one of:
                            repeated, and mixed with -f: they are processed in the given order.
   -- [SERVICE OPTION]...   Run the HTTP service alone, with these options, which reach it as they
                            are: no quoting, no $VARIABLE substitution, no configuration file.
+  --stdio -- [OPTION]...   Serve one connection, with the same options: requests come from standard
+                           input, responses go to standard output. Its end ends the host.
   With none of them the file svc.conf in the current directory is processed.
 
 Host options:
@@ -39,14 +41,17 @@ Host options:
 Signals: SIGINT and SIGTERM stop the services in reverse order of their start and end the process.
 SIGHUP is noted in the log and otherwise ignored: nothing is reopened or read again.
 
-Exit status: 0 after a clean stop, 1 when something could not be started or failed, 2 when the
-command line is wrong.
+Exit status: 0 after a clean stop or the end of the connection of --stdio, 1 when something could
+not be started or failed, 2 when the command line is wrong.
 
 Examples:
   httpd_host -- -p 127.0.0.1:8080 -f handlers.json
   httpd_host --tls-certificate cert.pem --tls-private-key key.pem -- -p 8080,8443s -f handlers.json
+  printf 'GET / HTTP/1.0\r\n\r\n' | httpd_host --stdio -- -f handlers.json
   httpd_host -S "dynamic HTTP_Service Service_Object * httpd:_make_HTTP_Service() '-p 8080'"
 )";
+
+constexpr std::string_view STDIO = "stdio";
 
 struct Level_Name {
     const char* name_;
@@ -145,6 +150,10 @@ bool Option_Reader::read_long(std::string_view word)
         options_.action_ =
             name == "help" ? Host_Options::Action::SHOW_HELP : Host_Options::Action::SHOW_VERSION;
         return true;
+    }
+    if (name == STDIO) {
+        options_.stdio_ = true;
+        return equals == std::string_view::npos || fail("option \"--stdio\" takes no value");
     }
     for (const char* known : {"tls-certificate", "tls-private-key", "proxy-from", "log-level",
                               "log-file", "pid-file"}) {
@@ -251,6 +260,12 @@ bool Option_Reader::check() const
                         ? "option \"--tls-private-key\" needs \"--tls-certificate\" too"
                         : "option \"--tls-certificate\" needs \"--tls-private-key\" too");
     }
+    if (options_.stdio_ && !options_.sources_.empty()) {
+        return fail("option \"--stdio\" cannot be combined with -f or -S");
+    }
+    if (options_.stdio_ && !options_.short_form_) {
+        return fail("option \"--stdio\" needs the service options behind \"--\"");
+    }
     if (options_.short_form_ && !options_.sources_.empty()) {
         return fail("service options behind \"--\" cannot be combined with -f or -S");
     }
@@ -262,6 +277,17 @@ bool Option_Reader::check() const
 bool parse_host_options(int argc, char** argv, Host_Options& options, std::string& error)
 {
     return Option_Reader(argc, argv, options, error).read();
+}
+
+bool asks_for_stdio(int argc, char** argv)
+{
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
+        const std::string_view word = argv[i];
+        if (word.substr(0, 2) == "--" && word.substr(2, word.find('=') - 2) == STDIO) {
+            return true;
+        }
+    }
+    return false;
 }
 
 const char* host_help()

@@ -25,7 +25,8 @@ struct Host_Options {
 
     Action action_ = Action::RUN;
     std::vector<Source> sources_;     ///< in the order given; empty in the short form
-    bool short_form_ = false;         ///< a "--" was given: run the HTTP service with service_args_
+    bool short_form_ = false;         ///< a "--" was given: run one service with service_args_
+    bool stdio_ = false;              ///< that service is the one on standard input and output
     std::vector<char*> service_args_; ///< words of the command line, not owned
     std::string tls_certificate_;
     std::string tls_private_key_;
@@ -42,6 +43,10 @@ struct Host_Options {
  * @return false when the command line is wrong
  */
 bool parse_host_options(int argc, char** argv, Host_Options& options, std::string& error);
+
+/// Whether the command line asks for the service on standard input and output, told before anything
+/// is printed, also of a command line that is wrong.
+bool asks_for_stdio(int argc, char** argv);
 
 /// The text of --help.
 const char* host_help();

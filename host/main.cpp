@@ -134,6 +134,9 @@ int main(int argc, char** argv)
 {
     try {
         open_standard_descriptors();
+        if (asks_for_stdio(argc, argv)) {
+            keep_standard_error_from_the_client();
+        }
         return run(argc, argv);
     } catch (const std::exception& problem) {
         std::fprintf(stderr, "httpd_host: %s\n", problem.what());

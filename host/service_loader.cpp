@@ -26,8 +26,15 @@
 namespace {
 
 constexpr char SERVICE_LIBRARY[] = "httpd";
-constexpr char SERVICE_NAME[] = "HTTP_Service";
-constexpr char SERVICE_FACTORY[] = "_make_HTTP_Service";
+
+/// A service that the short form can run.
+struct Short_Form {
+    const char* name_;
+    const char* factory_;
+};
+
+constexpr Short_Form HTTP_SERVICE{"HTTP_Service", "_make_HTTP_Service"};
+constexpr Short_Form STDIO_SERVICE{"HTTP_Stdin_Stout_Service", "_make_HTTP_Stdin_Stout_Service"};
 constexpr char PROXY_SETTER[] = "httpd_set_proxy_from";
 
 using Service_Factory = ACE_Service_Object* (*)(ACE_Service_Object_Exterminator*);
@@ -190,39 +197,38 @@ bool process(const Host_Options::Source& source, std::string& error)
     return true;
 }
 
-/// Makes the HTTP service and enters it as the directive would, but with the words as they are.
-bool load_short_form(std::vector<char*>& args, std::string& error)
+/// Makes the service and enters it as the directive would, but with the words as they are.
+bool load_short_form(const Short_Form& form, std::vector<char*>& args, std::string& error)
 {
     ACE_DLL dll;
     if (!open_library(SERVICE_LIBRARY, dll, error)) {
         return false;
     }
-    const auto factory = reinterpret_cast<Service_Factory>(
-        find_symbol(SERVICE_LIBRARY, dll, SERVICE_FACTORY, error));
+    const auto factory =
+        reinterpret_cast<Service_Factory>(find_symbol(SERVICE_LIBRARY, dll, form.factory_, error));
     if (factory == nullptr) {
         return false;
     }
     ACE_Service_Object_Exterminator gobbler = nullptr;
     ACE_Service_Object* const service = factory(&gobbler);
     if (service == nullptr) {
-        error = std::string(SERVICE_FACTORY) + ": " + std::strerror(errno);
+        error = std::string(form.factory_) + ": " + std::strerror(errno);
         return false;
     }
     // From here on the repository's entry owns the service: deleting the entry calls fini, where
     // init has succeeded, and then the gobbler.
     auto* const type = new ACE_Service_Object_Type(
-        service, SERVICE_NAME, ACE_Service_Type::DELETE_OBJ | ACE_Service_Type::DELETE_THIS,
-        gobbler);
-    auto entry = std::make_unique<ACE_Service_Type>(SERVICE_NAME, type, dll, true);
+        service, form.name_, ACE_Service_Type::DELETE_OBJ | ACE_Service_Type::DELETE_THIS, gobbler);
+    auto entry = std::make_unique<ACE_Service_Type>(form.name_, type, dll, true);
     std::vector<char*> words = args;
     words.push_back(nullptr);
     if (type->init(static_cast<int>(args.size()), words.data()) == -1) {
-        error = std::string(SERVICE_NAME) + ": the service could not be initialised";
+        error = std::string(form.name_) + ": the service could not be initialised";
         return false;
     }
     ACE_Service_Type* const inserted = entry.release(); // the repository's now, whatever it answers
     if (ACE_Service_Repository::instance()->insert(inserted) == -1) {
-        error = std::string(SERVICE_NAME) + ": the service repository refused it";
+        error = std::string(form.name_) + ": the service repository refused it";
         return false;
     }
     return true;
@@ -267,7 +273,8 @@ bool load_services(Host_Options& options, std::string& error)
         return false;
     }
     if (options.short_form_) {
-        return load_short_form(options.service_args_, error);
+        return load_short_form(options.stdio_ ? STDIO_SERVICE : HTTP_SERVICE, options.service_args_,
+                               error);
     }
     const size_t before = count_services();
     for (const Host_Options::Source& source : options.sources_) {
