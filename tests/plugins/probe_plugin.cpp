@@ -334,6 +334,25 @@ const std::map<std::string, Probe_Handler::Body_Mode>& Probe_Handler::body_modes
              }).detach();
              return 0;
          }},
+        // As "suspend", but the answer takes a while.
+        {"late",
+         [](Probe_Handler& self, HTTP_IO& io, const void* data, size_t) {
+             if (!self.is_whole(io, data)) {
+                 return 0;
+             }
+             constexpr bool SUSPEND = true;
+             if (io.suspend_read(SUSPEND) == -1) {
+                 return -1;
+             }
+             io.add_reference();
+             std::thread([&io, body = self.body_] {
+                 std::this_thread::sleep_for(std::chrono::milliseconds(300));
+                 HTTPD_INFO("probe: late answer");
+                 counted(io, body);
+                 io.remove_reference();
+             }).detach();
+             return 0;
+         }},
         {"thread-suspend",
          [](Probe_Handler& self, HTTP_IO& io, const void* data, size_t length) {
              return body_modes().at("suspend")(self, io, data, length);

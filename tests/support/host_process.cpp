@@ -125,8 +125,16 @@ Host_Process::Host_Process(const Command& command)
     }
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    ::posix_spawn_file_actions_adddup2(&actions, log[1], 2);
+    if (command.standard_input == -1) {
+        ::posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    } else {
+        ::posix_spawn_file_actions_adddup2(&actions, command.standard_input, 0);
+    }
+    if (command.standard_output != -1) {
+        ::posix_spawn_file_actions_adddup2(&actions, command.standard_output, 1);
+    }
+    ::posix_spawn_file_actions_adddup2(
+        &actions, command.standard_error != -1 ? command.standard_error : log[1], 2);
     // The host starts as from a shell, whatever a client of this test has set.
     posix_spawnattr_t attributes;
     ::posix_spawnattr_init(&attributes);

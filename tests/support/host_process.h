@@ -40,6 +40,10 @@ public:
         std::vector<std::string> service;
         std::string log_level = "debug";
         bool wait_until_ready = true; ///< until one listen line for each -p has been logged
+        /// The host's descriptors 0 to 2; -1: the null device, this process's own, the log.
+        int standard_input = -1;
+        int standard_output = -1;
+        int standard_error = -1;
     };
 
     explicit Host_Process(const Command& command);

@@ -201,6 +201,11 @@ std::unique_ptr<Wire_Client> Wire_Client::unix_domain(const std::string& path)
     return handle == -1 ? nullptr : std::make_unique<Socket_Client>(handle);
 }
 
+std::unique_ptr<Wire_Client> Wire_Client::over_socket(int handle)
+{
+    return std::make_unique<Socket_Client>(handle);
+}
+
 std::unique_ptr<Wire_Client> Wire_Client::tls(const std::string& host, unsigned short port)
 {
     const int handle = connect_tcp(host, port);

@@ -31,6 +31,9 @@ public:
     static std::unique_ptr<Wire_Client> unix_domain(const std::string& path);
     static std::unique_ptr<Wire_Client> tls(const std::string& host, unsigned short port);
 
+    /// A socket that is connected; the client closes it.
+    static std::unique_ptr<Wire_Client> over_socket(int handle);
+
     virtual ~Wire_Client();
 
     /// Sends all bytes. @return false on an error (the peer may have closed).
