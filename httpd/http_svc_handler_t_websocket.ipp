@@ -285,8 +285,6 @@ template <typename Stream, typename Sync>
 void HTTP_Svc_Handler_T<Stream, Sync>::close_websocket()
 {
     if (request_state_ != HTTP_SOCK_STATE_WEBSOCKET_CLOSING) {
-        // First of all, lest a send_ping() that waits in there reads on.
-        request_state_ = HTTP_SOCK_STATE_WEBSOCKET_CLOSING;
         ws_handler_->handle_close(WebSocket_Data_Frame::CLOSE_ABNORMAL, nullptr, 0);
     }
     HTTPD_DEBUG("%t| WebSocket %s closed.", addr_string_type(remote_addr_, WITH_PORT).c_str());
@@ -419,7 +417,8 @@ int HTTP_Svc_Handler_T<Stream, Sync>::send_ping(bool wait)
         return 0;
     }
     if (this->response_state() != HTTP_SOCK_STATE_WEBSOCKET_FRAMING ||
-        request_state_ != HTTP_SOCK_STATE_WEBSOCKET_HANDSHAKED) { // the peer's close has been read
+        request_state_ != HTTP_SOCK_STATE_WEBSOCKET_HANDSHAKED || // the peer's close has been read
+        released_) {                                              // handle_close is running
         return -1;
     }
     do {
