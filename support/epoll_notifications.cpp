@@ -4,9 +4,25 @@
 #include <new>
 #include <vector>
 
+void Epoll_Notifications::open()
+{
+    const std::lock_guard guard(mutex_);
+    open_ = true;
+}
+
+void Epoll_Notifications::refuse()
+{
+    const std::lock_guard guard(mutex_);
+    open_ = false;
+}
+
 int Epoll_Notifications::push(ACE_Event_Handler* handler, ACE_Reactor_Mask mask)
 {
     const std::lock_guard guard(mutex_);
+    if (!open_) {
+        errno = ESHUTDOWN;
+        return -1;
+    }
     try {
         queue_.emplace_back(handler, mask);
     } catch (const std::bad_alloc&) {

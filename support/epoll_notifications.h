@@ -13,7 +13,13 @@
  */
 class Epoll_Notifications {
 public:
-    /// -1 with ENOMEM.
+    /// Takes notifications (at first it does not).
+    void open();
+
+    /// From here on push() fails with ESHUTDOWN; what is in the queue stays.
+    void refuse();
+
+    /// -1 with ESHUTDOWN or ENOMEM.
     int push(ACE_Event_Handler* handler, ACE_Reactor_Mask mask);
 
     /// The oldest one, whose reference is now the caller's; false when there is none.
@@ -28,5 +34,6 @@ public:
 private:
     std::mutex mutex_;
     std::deque<ACE_Notification_Buffer> queue_;
+    bool open_ = false;
     std::atomic<size_t> size_{0};
 };

@@ -146,6 +146,7 @@ int Epoll_Reactor::open(size_t, bool restart, ACE_Sig_Handler* signals, ACE_Time
         errno = error;
         return -1;
     }
+    notifications_.open();
     return 0;
 }
 
@@ -157,6 +158,8 @@ int Epoll_Reactor::close()
     if (own_timers_ != nullptr) {
         own_timers_->close();
     }
+    // Another thread may still notify: its handler's reference must not stay in the queue for ever.
+    notifications_.refuse();
     ACE_Notification_Buffer notification;
     while (notifications_.pop(notification)) {
         notification.eh_->remove_reference();
@@ -642,11 +645,11 @@ int Epoll_Reactor::cancel_wakeup(ACE_HANDLE handle, ACE_Reactor_Mask mask)
 
 int Epoll_Reactor::notify(ACE_Event_Handler* handler, ACE_Reactor_Mask mask, ACE_Time_Value*)
 {
-    if (!table_.is_open()) {
-        errno = ESHUTDOWN;
-        return -1;
-    }
     if (handler == nullptr) {
+        if (!table_.is_open()) {
+            errno = ESHUTDOWN;
+            return -1;
+        }
         this->wakeup_all_threads();
         return 0;
     }

@@ -341,6 +341,30 @@ TEST(Epoll_Reactor_Notify, no_wake_up_is_lost)
     loop.stop();
 }
 
+TEST(Epoll_Reactor_Notify, close_leaves_no_reference_behind_while_another_thread_notifies)
+{
+    for (int i = 0; i < 50; ++i) {
+        Running_Loop loop;
+        Held_Probe a(ACE_INVALID_HANDLE);
+        std::atomic<int> accepted{0};
+        std::atomic<int> refusal{0};
+        std::thread notifier([&] {
+            while (loop.reactor.notify(a.probe, READ) == 0) {
+                ++accepted;
+            }
+            refusal = errno;
+        });
+        while (accepted == 0) {
+            std::this_thread::yield();
+        }
+        loop.stop();
+        loop.implementation.close();
+        notifier.join();
+        EXPECT_EQ(refusal, ESHUTDOWN);
+        EXPECT_EQ(a.probe->references(), 1);
+    }
+}
+
 TEST(Epoll_Reactor_Notify, ending_the_event_loop_wakes_it)
 {
     for (int i = 0; i < 50; ++i) {
