@@ -5,7 +5,9 @@
 
 /**
  * A connection as a WebSocket plug-in sees it: HTTP_IO, and the operations to send frames. To be
- * called from the thread that runs the plug-in's callbacks.
+ * called from the thread that runs the plug-in's callbacks or, while reading is suspended, from one
+ * that the plug-in chose: until it is resumed no frame is delivered, answered or pinged. To send
+ * from any thread at any time there is WebSocket_Outbox.
  */
 class HTTPD_EXPORT WebSocket_IO : public HTTP_IO {
 public:
