@@ -2,6 +2,7 @@
 
 #include "tests/support/fake_http_io.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/sanitized.h"
 
 #include <gtest/gtest.h>
 
@@ -11,14 +12,6 @@
 #include <ostream>
 #include <string>
 #include <vector>
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define UNDER_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define UNDER_SANITIZER 1
-#endif
-#endif
 
 namespace {
 
@@ -268,7 +261,7 @@ TEST(HTTP_IO_ostreambuf, size_0_is_logged_and_every_write_fails)
 
 TEST(HTTP_IO_ostreambuf, an_allocation_that_fails_is_logged_and_every_write_fails)
 {
-#if defined(UNDER_SANITIZER)
+#if defined(HTTPD_TEST_SANITIZED)
     GTEST_SKIP() << "the sanitizer ends the process at such an allocation";
 #endif
     const Log_Capture log;

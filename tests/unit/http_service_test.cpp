@@ -7,6 +7,7 @@
 #include "httpd/websocket_handler_creator_map.h"
 #include "support/http_message.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/sanitized.h"
 
 #include <ace/INET_Addr.h>
 #include <ace/Reactor.h>
@@ -334,7 +335,7 @@ TEST_F(HTTP_Service_Test, fini_closes_open_connections)
 
 TEST_F(HTTP_Service_Test, a_command_line_that_cannot_be_kept_ends_init_with_nothing_running)
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(HTTPD_TEST_SANITIZED)
     GTEST_SKIP() << "memory cannot be limited under a sanitizer";
 #else
     Words words = {"-p", std::string(size_t{256} << 20, 'a')};

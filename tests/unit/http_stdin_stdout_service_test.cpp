@@ -10,6 +10,7 @@
 #include "tests/support/host_process.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/reactor_probe.h"
+#include "tests/support/sanitized.h"
 #include "tests/support/test_sockets.h"
 
 #include <ace/Reactor.h>
@@ -260,7 +261,7 @@ TEST_F(HTTP_Stdin_Stout_Service_Test, the_result_of_open_is_that_of_init)
 
 TEST_F(HTTP_Stdin_Stout_Service_Test, a_command_line_that_cannot_be_kept_ends_init_without_a_word)
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(HTTPD_TEST_SANITIZED)
     GTEST_SKIP() << "memory cannot be limited under a sanitizer";
 #else
     Words words = {"-p", std::string(size_t{256} << 20, 'a')};

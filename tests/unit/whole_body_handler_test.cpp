@@ -1,6 +1,7 @@
 #include "httpd/whole_body_handler.h"
 
 #include "tests/support/fake_http_io.h"
+#include "tests/support/sanitized.h"
 
 #include <gtest/gtest.h>
 
@@ -8,14 +9,6 @@
 #include <string>
 #include <sys/resource.h>
 #include <vector>
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define UNDER_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define UNDER_SANITIZER 1
-#endif
-#endif
 
 namespace {
 
@@ -332,7 +325,7 @@ TEST(Whole_Body_Handler, a_refusal_drops_the_framing_that_the_plug_in_or_others_
 
 TEST(Whole_Body_Handler_DeathTest, refuses_with_500_when_there_is_no_memory_for_the_body)
 {
-#if defined(UNDER_SANITIZER)
+#if defined(HTTPD_TEST_SANITIZED)
     GTEST_SKIP() << "a sanitizer needs more memory than is left here";
 #endif
     const auto refused = [] {

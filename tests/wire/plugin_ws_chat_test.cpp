@@ -1,5 +1,6 @@
 #include "tests/support/exact_line.h"
 #include "tests/support/listener_server.h"
+#include "tests/support/sanitized.h"
 #include "tests/support/websocket_client.h"
 
 #include <gtest/gtest.h>
@@ -17,14 +18,6 @@
 #include <thread>
 #include <vector>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define INSTRUMENTED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define INSTRUMENTED 1
-#endif
-#endif
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -34,7 +27,7 @@ using Member = std::unique_ptr<WebSocket_Client>;
 
 constexpr const char* DROPPED = "does not read what it is sent, it is dropped.";
 
-#if defined(INSTRUMENTED)
+#if defined(HTTPD_TEST_SANITIZED)
 constexpr bool MEMORY_IS_MEASURED = false; // a sanitizer keeps what was freed
 #else
 constexpr bool MEMORY_IS_MEASURED = true;

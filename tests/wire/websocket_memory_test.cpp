@@ -1,4 +1,5 @@
 #include "tests/support/probe_server.h"
+#include "tests/support/sanitized.h"
 #include "tests/support/websocket_client.h"
 
 #include <gtest/gtest.h>
@@ -13,14 +14,6 @@
 #include <iostream>
 #include <sstream>
 #include <thread>
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define HTTPD_TEST_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define HTTPD_TEST_SANITIZED 1
-#endif
-#endif
 
 namespace {
 
