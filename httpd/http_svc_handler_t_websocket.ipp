@@ -370,7 +370,8 @@ ssize_t HTTP_Svc_Handler_T<Stream, Sync>::sendv_now(const iovec* iov, int count)
 template <typename Stream, typename Sync>
 Loop_IO::Frame_State HTTP_Svc_Handler_T<Stream, Sync>::frame_state() const
 {
-    if (close_sent_ || this->closing_ || request_state_ == HTTP_SOCK_STATE_WEBSOCKET_CLOSING) {
+    if (close_sent_ || this->closing_ ||
+        request_state_ != HTTP_SOCK_STATE_WEBSOCKET_HANDSHAKED) { // refused, or closing
         return FRAMES_ENDED;
     }
     return ws_frame_.done() && !ws_frame_.message_open() ? FRAMES_FREE : FRAME_OPEN;

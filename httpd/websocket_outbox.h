@@ -39,8 +39,9 @@ public:
 
     /**
      * Called in a callback of the connection, by the thread that drives it: in handle_handshaking()
-     * (where a failure can still refuse the upgrade) or in handle_handshaked(). Nothing may be
-     * posted before handle_handshaked() is called. The plug-in's concurrency() is INHERITED.
+     * (where a failure can still refuse the upgrade) or in handle_handshaked(). What is posted from
+     * then on leaves behind the 101, and not at all when an authenticator refuses the client. The
+     * plug-in's concurrency() is INHERITED.
      * @param io     the connection; used until close()
      * @param limit  bytes that may wait, MESSAGE_COST included for each message
      * @return null with errno: ENOTSUP when the connection lives in a worker thread (its plug-in

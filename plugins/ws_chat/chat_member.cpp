@@ -16,12 +16,22 @@ Chat_Member::~Chat_Member()
     this->leave();
 }
 
+/**
+ * Joins before the 101 is sent: a client that has read it misses nothing that is said from then on.
+ * What is said meanwhile waits in the outbox, which sends when the loop comes back to it.
+ */
 int Chat_Member::handle_handshaking(WebSocket_IO& io)
 {
     io_ = &io;
-    outbox_ = WebSocket_Outbox::create(io, options_.max_queue_);
-    if (outbox_ != nullptr) {
-        return 0;
+    try {
+        outbox_ = WebSocket_Outbox::create(io, options_.max_queue_);
+        if (outbox_ != nullptr) {
+            path_ = io.request().uri(true);
+            room_ = rooms_.join(path_, outbox_);
+            return 0;
+        }
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
     }
     if (errno == ENOTSUP) {
         HTTPD_WARNING("ws_chat: %C is refused: its connection was moved to a worker thread by an "
@@ -32,18 +42,6 @@ int Chat_Member::handle_handshaking(WebSocket_IO& io)
                     errno);
     }
     return -1;
-}
-
-int Chat_Member::handle_handshaked()
-{
-    try {
-        path_ = io_->request().uri(true);
-        room_ = rooms_.join(path_, outbox_);
-        return 0;
-    } catch (const std::bad_alloc&) {
-        HTTPD_ERROR("ws_chat: no memory for a member");
-        return -1;
-    }
 }
 
 int Chat_Member::handle_data_framing(const void* data, size_t length, bool last, bool binary)

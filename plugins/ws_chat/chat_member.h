@@ -17,7 +17,6 @@ public:
     ~Chat_Member() override;
 
     int handle_handshaking(WebSocket_IO& io) override;
-    int handle_handshaked() override;
     int handle_data_framing(const void* data, size_t length, bool last, bool binary) override;
     int handle_ping() override;
     int handle_close(WebSocket_Data_Frame::Close_Status status, const char* reason,
