@@ -509,15 +509,25 @@ TEST(Stdio_Service, stops_on_a_signal_while_a_websocket_is_open)
 
 TEST(Stdio_Service, waits_for_a_plug_in_that_still_answers_when_it_stops)
 {
-    for (const std::string target : {"/probe/late", "/probe/thread/late"}) {
+    for (const Kind kind : ALL_KINDS) {
+        Stdio_Host it(with_kind(kind));
+        it.client().send(body_request("POST", "/probe/late", "abc"));
+        ASSERT_TRUE(it.host().wait_for_log("probe: handle_body 3"));
+        expect_prompt_stop(it);
+        EXPECT_EQ("abc", it.client().read_response().body);
+        EXPECT_EQ(1U, it.host().count_log("probe: handle_close late"));
+    }
+}
+
+TEST(Stdio_Service, waits_for_a_plug_in_that_holds_the_connection_when_it_stops)
+{
+    for (const std::string target : {"/probe/hold", "/probe/thread/hold"}) {
         SCOPED_TRACE(target);
         Stdio_Host it;
         it.client().send(body_request("POST", target, "abc"));
         ASSERT_TRUE(it.host().wait_for_log("probe: handle_body 3"));
         expect_prompt_stop(it);
-        EXPECT_EQ(1U, it.host().count_log("probe: late answer"));
-        EXPECT_EQ(1U, it.host().count_log("probe: handle_close late"));
-        EXPECT_EQ(1U, it.host().count_log("httpd_host has stopped."));
+        EXPECT_EQ(1U, it.host().count_log("probe: handle_close hold"));
     }
 }
 
