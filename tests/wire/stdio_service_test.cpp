@@ -507,13 +507,15 @@ TEST(Stdio_Service, stops_on_a_signal_while_a_websocket_is_open)
     }
 }
 
+// A thread of a plug-in that is about to end keeps a leak checker busy: no time is expected here.
 TEST(Stdio_Service, waits_for_a_plug_in_that_still_answers_when_it_stops)
 {
     for (const Kind kind : ALL_KINDS) {
         Stdio_Host it(with_kind(kind));
         it.client().send(body_request("POST", "/probe/late", "abc"));
         ASSERT_TRUE(it.host().wait_for_log("probe: handle_body 3"));
-        expect_prompt_stop(it);
+        EXPECT_EQ(0, it.host().stop(SIGTERM));
+        EXPECT_EQ(0U, it.host().count_log("left loaded"));
         EXPECT_EQ("abc", it.client().read_response().body);
         EXPECT_EQ(1U, it.host().count_log("probe: handle_close late"));
     }
@@ -526,7 +528,8 @@ TEST(Stdio_Service, waits_for_a_plug_in_that_holds_the_connection_when_it_stops)
         Stdio_Host it;
         it.client().send(body_request("POST", target, "abc"));
         ASSERT_TRUE(it.host().wait_for_log("probe: handle_body 3"));
-        expect_prompt_stop(it);
+        EXPECT_EQ(0, it.host().stop(SIGTERM));
+        EXPECT_EQ(0U, it.host().count_log("left loaded"));
         EXPECT_EQ(1U, it.host().count_log("probe: handle_close hold"));
     }
 }
