@@ -1,5 +1,6 @@
 #include "support/log_rotation.h"
 
+#include "tests/support/sanitized.h"
 #include "tests/support/temp_dir.h"
 
 #include <ace/Log_Msg.h>
@@ -572,6 +573,9 @@ TEST_F(Log_Rotation_Test, leaves_plain_or_complete_copies_when_the_process_ends)
 
 TEST_F(Log_Rotation_Test, ends_with_a_forked_process_that_has_no_thread)
 {
+#if defined(HTTPD_TEST_SANITIZED)
+    GTEST_SKIP() << "a leak check in the child takes for leaked what its parent's threads hold";
+#endif
     Gate gate;
     ASSERT_EQ(rotate(1, COMPRESS, ALL, [&gate] { gate.wait(); }), 0);
     std::fflush(nullptr); // or the child writes it again
