@@ -141,7 +141,7 @@ protected:
     std::atomic<HTTP_SOCK_State> response_state_{HTTP_SOCK_STATE_CLOSED};
     HTTP_Request request_;
     HTTP_Response response_;
-    ACE_Message_Block* mb_ = nullptr; ///< the receive buffer, owned; null while there is nothing in it
+    ACE_Message_Block* mb_ = nullptr; ///< the receive buffer, owned; null while it is empty
     size_type uri_off_ = 0;
     ACE_INET_Addr original_addr_;
 };

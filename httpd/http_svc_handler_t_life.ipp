@@ -92,8 +92,8 @@ int HTTP_Svc_Handler_T<Stream, Sync>::close(u_long flags)
         this->remove_reference();
         return 0;
     }
-    const bool in_thread = concurrent_state_ == STATE_THREADING ||
-                           concurrent_state_ == STATE_THREADING_SUSPENDED;
+    const bool in_thread =
+        concurrent_state_ == STATE_THREADING || concurrent_state_ == STATE_THREADING_SUSPENDED;
     const int result = ACE_Svc_Handler<Stream, Sync>::close(flags);
     if (in_thread) {
         this->remove_reference(); // the thread's
@@ -378,7 +378,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::spawn()
     upcall_ = nullptr;
     Live_Connections::instance().enter_thread(this);
     this->thr_mgr(&Live_Connections::instance().threads());
-    this->add_reference(); // the thread's: dropped by close(), its last call
+    this->add_reference();                     // the thread's: dropped by close(), its last call
     constexpr long DETACHED_THREAD = 0x800042; // THR_EXPLICIT_SCHED | THR_DETACHED | THR_NEW_LWP
     if (Signals_Blocked guard; this->activate(DETACHED_THREAD, 1) == 0) {
         // `this` is the thread's now.
