@@ -18,7 +18,7 @@ bool read_location(std::string_view text, Service_Location& location)
         return false;
     }
     const std::string_view symbol = text.substr(colon + 1);
-    location.library_ = text.substr(0, colon);
+    location.dll_ = text.substr(0, colon);
     location.symbol_ = symbol.substr(0, symbol.find_first_not_of(LETTERS));
     return !location.symbol_.empty();
 }

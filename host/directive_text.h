@@ -6,7 +6,7 @@
 
 /// Where a directive takes a service from: "* library:symbol".
 struct Service_Location {
-    std::string library_;
+    std::string dll_;
     std::string symbol_;
 };
 

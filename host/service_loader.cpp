@@ -136,8 +136,8 @@ std::string failure_reason(const std::string& directives)
     for (const Service_Location& location : service_locations(directives)) {
         ACE_DLL dll;
         std::string error;
-        if (!open_library(location.library_, dll, error) ||
-            find_symbol(location.library_, dll, location.symbol_.c_str(), error) == nullptr) {
+        if (!open_library(location.dll_, dll, error) ||
+            find_symbol(location.dll_, dll, location.symbol_.c_str(), error) == nullptr) {
             return error;
         }
     }

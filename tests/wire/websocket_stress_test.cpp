@@ -282,6 +282,7 @@ private:
             ASSERT_TRUE(complete);
             ASSERT_EQ(message, echo);
             ++tally_.echoes;
+            tally_.echoes.notify_all();
         }
         client.send(WS_CLOSE, close_payload(1000));
     }
@@ -449,8 +450,9 @@ TEST(WebSocket_Stress, a_server_that_is_stopped_in_the_midst_ends_cleanly)
 {
     const Stress_Server server;
     Crowd crowd(server, crowd_size());
-    while (crowd.tally().echoes < 100) {
-        std::this_thread::sleep_for(milliseconds(5));
+    const auto& echoes = crowd.tally().echoes;
+    for (unsigned long seen = echoes; seen < 100; seen = echoes) {
+        echoes.wait(seen);
     }
     crowd.expect_the_end();
     EXPECT_EQ(0, server.host().stop(SIGTERM)) << server.report();
