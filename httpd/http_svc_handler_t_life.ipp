@@ -508,8 +508,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::suspend_read(bool suspend)
             HTTPD_ERROR("Failed to resume %s to reactor, errno=%d, %m", this->protocol(), errno);
             return -1;
         }
-        // A request whose response is complete is finished off without waiting for more input.
-        reactor->notify(this, ACE_Event_Handler::READ_MASK);
+        // A request whose response is complete is finished off without waiting for more input. By
+        // no notification: one that comes when the loop has ended would keep the connection.
+        reactor->ready_ops(this, ACE_Event_Handler::READ_MASK, ACE_Reactor::ADD_MASK);
     } else if (state == STATE_THREADING_SUSPENDED &&
                concurrent_state_.compare_exchange_strong(state, STATE_THREADING)) {
         this->wake_worker();

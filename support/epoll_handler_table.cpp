@@ -428,6 +428,26 @@ void Epoll_Handler_Table::queue(const Upcall& upcall, ACE_Reactor_Mask event)
     this->queue_i(upcall.handle, *slot, event);
 }
 
+int Epoll_Handler_Table::queue(ACE_HANDLE handle, const ACE_Event_Handler* expected,
+                               ACE_Reactor_Mask events)
+{
+    Guard guard(mutex_);
+    Slot* const slot = this->bound_slot(handle, expected);
+    if (slot == nullptr) {
+        errno = ENOENT;
+        return -1;
+    }
+    constexpr ACE_Reactor_Mask KNOWN = ACE_Event_Handler::READ_MASK |
+                                       ACE_Event_Handler::WRITE_MASK |
+                                       ACE_Event_Handler::EXCEPT_MASK;
+    if (events == 0 || (events & ~(slot->mask & KNOWN)) != 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    this->queue_i(handle, *slot, events);
+    return 0;
+}
+
 /// The lock is held.
 void Epoll_Handler_Table::queue_i(ACE_HANDLE handle, Slot& slot, ACE_Reactor_Mask events)
 {

@@ -755,14 +755,23 @@ int Epoll_Reactor::mask_ops(ACE_HANDLE handle, ACE_Reactor_Mask mask, int operat
     return this->wake_for_queue(table_.mask_ops(handle, nullptr, mask, operation));
 }
 
-int Epoll_Reactor::ready_ops(ACE_Event_Handler*, ACE_Reactor_Mask, int)
+int Epoll_Reactor::ready_ops(ACE_Event_Handler* handler, ACE_Reactor_Mask mask, int operation)
 {
-    return not_supported();
+    if (operation != ACE_Reactor::ADD_MASK) {
+        return not_supported();
+    }
+    if (handler == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    return this->wake_for_queue(table_.queue(handler->get_handle(), handler, mask));
 }
 
-int Epoll_Reactor::ready_ops(ACE_HANDLE, ACE_Reactor_Mask, int)
+int Epoll_Reactor::ready_ops(ACE_HANDLE handle, ACE_Reactor_Mask mask, int operation)
 {
-    return not_supported();
+    return operation == ACE_Reactor::ADD_MASK
+               ? this->wake_for_queue(table_.queue(handle, nullptr, mask))
+               : not_supported();
 }
 
 int Epoll_Reactor::set_sig_handler(ACE_Sig_Handler* signals)

@@ -166,6 +166,11 @@ public:
 
     int mask_ops(ACE_Event_Handler* handler, ACE_Reactor_Mask mask, int operation) override;
     int mask_ops(ACE_HANDLE handle, ACE_Reactor_Mask mask, int operation) override;
+    /**
+     * ADD_MASK alone (ENOTSUP otherwise): the handler is called for `mask` in the next round as if
+     * its last upcall had returned > 0. Other than notify(), it holds no reference meanwhile, and a
+     * handler that is removed first is not called. @return 0, or -1 with errno: ENOENT, EINVAL.
+     */
     int ready_ops(ACE_Event_Handler* handler, ACE_Reactor_Mask mask, int operation) override;
     int ready_ops(ACE_HANDLE handle, ACE_Reactor_Mask mask, int operation) override;
 

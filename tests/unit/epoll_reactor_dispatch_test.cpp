@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 using testing::ElementsAre;
@@ -478,6 +479,70 @@ TEST(Epoll_Reactor_Dispatch, a_positive_result_calls_again_without_new_input)
     EXPECT_EQ(loop.round(), 0);
     EXPECT_THAT(a.record.handles, ElementsAre(a.pair.here, a.pair.here, a.pair.here));
     EXPECT_EQ(a.probe->references(), 2);
+}
+
+TEST(Epoll_Reactor_Dispatch, who_is_made_ready_is_called_once_without_new_input)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.ready_ops(a.probe, READ, ACE_Reactor::ADD_MASK), 0);
+    EXPECT_EQ(a.probe->references(), 2) << "nothing is held beyond the registration";
+    EXPECT_EQ(loop.reactor.handle_events(), 1);
+    EXPECT_EQ(loop.round(), 0);
+    EXPECT_THAT(a.record.handles, ElementsAre(a.pair.here));
+
+    ASSERT_EQ(loop.reactor.ready_ops(a.pair.here, READ, ACE_Reactor::ADD_MASK), 0);
+    EXPECT_EQ(loop.reactor.handle_events(), 1);
+    EXPECT_EQ(a.record.inputs, 2);
+}
+
+TEST(Epoll_Reactor_Dispatch, who_is_made_ready_by_another_thread_ends_the_wait)
+{
+    Loop loop;
+    Probe a;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    std::thread other([&] { loop.reactor.ready_ops(a.probe, READ, ACE_Reactor::ADD_MASK); });
+    while (a.record.inputs == 0) {
+        ASSERT_NE(loop.reactor.handle_events(), -1); // without a limit
+    }
+    other.join();
+    EXPECT_EQ(a.record.inputs, 1);
+}
+
+TEST(Epoll_Reactor_Dispatch, who_is_made_ready_is_not_called_when_it_has_left_or_is_suspended)
+{
+    Loop loop;
+    Probe removed;
+    Probe suspended;
+    for (Probe* const it : {&removed, &suspended}) {
+        ASSERT_EQ(loop.reactor.register_handler(it->probe, READ), 0);
+        ASSERT_EQ(loop.reactor.ready_ops(it->probe, READ, ACE_Reactor::ADD_MASK), 0);
+    }
+    ASSERT_EQ(loop.reactor.remove_handler(removed.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.suspend_handler(suspended.probe), 0);
+    EXPECT_EQ(loop.round(), 0);
+    EXPECT_EQ(removed.record.inputs, 0);
+    EXPECT_EQ(suspended.record.inputs, 0);
+}
+
+TEST(Epoll_Reactor_Dispatch, only_a_handler_that_wants_the_event_can_be_made_ready)
+{
+    Loop loop;
+    Probe a;
+    Probe stranger;
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    EXPECT_EQ(loop.reactor.ready_ops(stranger.probe, READ, ACE_Reactor::ADD_MASK), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(loop.reactor.ready_ops(a.probe, WRITE, ACE_Reactor::ADD_MASK), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(loop.reactor.ready_ops(a.probe, 0, ACE_Reactor::ADD_MASK), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(loop.implementation.ready_ops(static_cast<ACE_Event_Handler*>(nullptr), READ,
+                                            ACE_Reactor::ADD_MASK),
+              -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(loop.round(), 0);
 }
 
 TEST(Epoll_Reactor_Dispatch, who_is_called_again_comes_after_the_others_of_the_round)
