@@ -98,8 +98,8 @@ public:
     /// Notes that the handler wants another upcall without waiting for its descriptor.
     void queue(const Upcall& upcall, ACE_Reactor_Mask event);
 
-    /// The same for a handler that is registered under that handle, by any thread. ENOENT, or EINVAL
-    /// when it is not registered for all of `events` (READ_MASK, WRITE_MASK, EXCEPT_MASK).
+    /// The same for a handler that is registered under that handle, by any thread. ENOENT, or
+    /// EINVAL when it is not registered for all of `events` (READ_MASK, WRITE_MASK, EXCEPT_MASK).
     int queue(ACE_HANDLE handle, const ACE_Event_Handler* expected, ACE_Reactor_Mask events);
 
     /// How many wait for such an upcall.
