@@ -104,6 +104,8 @@ public:
 
     /// How often a WebSocket peer is pinged; null: never.
     const ACE_Time_Value* ping_interval() const { return pointer(ping_interval_); }
+    /// Whether a connection's last input matters to anyone.
+    bool watches_input() const { return idle_.has_value() || ping_interval_.has_value(); }
 
     /// How long the answer to a ping may take; null: without limit.
     const ACE_Time_Value* ping_timeout() const { return pointer(ping_timeout_); }

@@ -62,6 +62,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::open_i()
         HTTPD_ERROR("Failed to get remote address from HTTP connection handle %d, errno=%d, %m",
                     handle, errno);
     }
+    original_addr_ = remote_addr_;
     this->response_state(HTTP_SOCK_STATE_CONNECTED);
     request_state_ = HTTP_SOCK_STATE_CONNECTED;
     if (ACE::debug()) {

@@ -9,7 +9,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_data_reading(const ACE_Time_Value* 
         return -1;
     }
     ACE_Reactor* const reactor = this->reactor();
-    if (reactor != nullptr) {
+    if (reactor != nullptr && HTTP_Options::instance()->watches_input()) {
         last_input_time_ = reactor->timer_queue()->gettimeofday();
     }
     const Receive_Mode mode =
@@ -77,7 +77,8 @@ void HTTP_Svc_Handler_T<Stream, Sync>::give_back_memory()
         return;
     }
     Receive_Buffers::give(std::exchange(mb_, nullptr));
-    if (this->response_state() == HTTP_SOCK_STATE_CONTENT_SENT || this->is_websocket_protocol()) {
+    const HTTP_SOCK_State sent = this->response_state();
+    if (sent == HTTP_SOCK_STATE_CONTENT_SENT || sent == HTTP_SOCK_STATE_WEBSOCKET_HANDSHAKED) {
         response_.give_back();
     }
 }
@@ -284,11 +285,11 @@ bool HTTP_Svc_Handler_T<Stream, Sync>::is_referer_allowed() const
 template <typename Stream, typename Sync>
 void HTTP_Svc_Handler_T<Stream, Sync>::find_original_addr()
 {
-    original_addr_ = remote_addr_;
     const std::string& proxy = HTTP_Options::instance()->proxy_from();
     if (proxy.empty()) {
-        return; // nobody is trusted, also where the peer has no address
+        return; // nobody is trusted, also where the peer has no address; open() has set it
     }
+    original_addr_ = remote_addr_;
     const char* const forwarded = request_.headers().get(HTTP_HEAD_X_FORWARDED_FOR, true);
     const addr_string_type peer(original_addr_, WITHOUT_PORT);
     if (forwarded != nullptr && peer.c_str() != nullptr && proxy == peer.c_str()) {

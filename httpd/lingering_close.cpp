@@ -15,7 +15,7 @@ namespace {
 /// Reads and drops what is there. @return bytes dropped, 0 at the end, -1 with errno.
 ssize_t drop_input(ACE_HANDLE handle)
 {
-    static thread_local char bin[64 * 1024];
+    char bin[16 * 1024]; // on the stack, which has it already
     ssize_t received;
     do {
         received = ::recv(handle, bin, sizeof bin, MSG_DONTWAIT);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/quick_mutex.h"
 #include "support/std_lock_t.h"
 
 #include <ace/Event_Handler.h>
@@ -26,7 +27,7 @@
  */
 class Epoll_Handler_Table {
 public:
-    using Lock = Std_Lock_T<std::mutex>;
+    using Lock = Std_Lock_T<Quick_Mutex>;
 
     /// A handler that was taken for an upcall; `handler` carries a reference for the caller.
     struct Upcall {

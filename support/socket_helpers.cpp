@@ -198,6 +198,9 @@ ssize_t ace_sendv(int handle, const iovec* iov, int count)
     if (total > FLAT_LIMIT) {
         return send_vector(handle, iov, count, total);
     }
+    if (count == 1) {
+        return send_all(handle, static_cast<const char*>(iov->iov_base), total);
+    }
     char flat[FLAT_LIMIT];
     return send_all(handle, flat, flatten(iov, count, flat));
 }

@@ -18,63 +18,70 @@ public:
     using Piece = typename Traits::Piece;
 
     /// A piece that was given back last, which is the most likely one to be in the cache, or null.
-    static Piece* take() { return ended_ ? nullptr : list().pop(); }
-
-    /// Takes a piece back, and frees it when there is no room for it.
-    static void give(Piece* piece)
+    static Piece* take()
     {
-        if (ended_ || !list().push(piece)) {
-            Traits::free(piece);
-        }
-    }
-
-private:
-    Thread_Free_List_T() = default;
-
-    ~Thread_Free_List_T()
-    {
-        ended_ = true;
-        while (Piece* const piece = pop()) {
-            Traits::free(piece);
-        }
-    }
-
-    static Thread_Free_List_T& list()
-    {
-        static thread_local Thread_Free_List_T list;
-        return list;
-    }
-
-    Piece* pop()
-    {
-        Piece* const piece = first_;
+        List& list = list_;
+        Piece* const piece = list.first_;
         if (piece != nullptr) {
-            first_ = Traits::next(*piece);
+            list.first_ = Traits::next(*piece);
             Traits::set_next(*piece, nullptr);
-            --count_;
-            bytes_ -= Traits::size(*piece);
+            --list.count_;
+            list.bytes_ -= Traits::size(*piece);
         }
         return piece;
     }
 
-    bool push(Piece* piece)
+    /// Takes a piece back, and frees it when there is no room for it.
+    static void give(Piece* piece)
     {
+        List& list = list_;
         const size_t size = Traits::size(*piece);
-        if (count_ >= Traits::MOST || (count_ > 0 && bytes_ + size > Traits::MOST_BYTES)) {
+        if ((list.count_ > 0 &&
+             (list.count_ >= Traits::MOST || list.bytes_ + size > Traits::MOST_BYTES)) ||
+            (list.stage_ != OPEN && !open(list))) {
+            Traits::free(piece);
+            return;
+        }
+        Traits::set_next(*piece, list.first_);
+        list.first_ = piece;
+        ++list.count_;
+        list.bytes_ += size;
+    }
+
+private:
+    enum Stage : unsigned char { UNUSED, OPEN, ENDED };
+
+    /// Plain, so that it is there before and after the thread's destructors: a connection may be
+    /// deleted by one that runs later.
+    struct List {
+        Piece* first_;
+        size_t count_;
+        size_t bytes_;
+        Stage stage_;
+    };
+
+    struct Emptied_At_Thread_End {
+        ~Emptied_At_Thread_End()
+        {
+            list_.stage_ = ENDED;
+            while (Piece* const piece = take()) {
+                Traits::free(piece);
+            }
+        }
+    };
+
+    static bool open(List& list)
+    {
+        if (list.stage_ == ENDED) {
             return false;
         }
-        Traits::set_next(*piece, first_);
-        first_ = piece;
-        ++count_;
-        bytes_ += size;
+        static thread_local Emptied_At_Thread_End emptied_at_thread_end;
+        static_cast<void>(emptied_at_thread_end);
+        list.stage_ = OPEN;
         return true;
     }
 
-    // Plain, so that it can be read when the thread's destructors have run: a connection may be
-    // deleted by one that runs later.
-    static inline thread_local bool ended_ = false;
-
-    Piece* first_ = nullptr;
-    size_t count_ = 0;
-    size_t bytes_ = 0;
+    // A few bytes that are reached in one instruction, since every request asks several times. The
+    // loader keeps room in each thread for such variables of libraries that are loaded late.
+    static inline constinit thread_local List list_ [[gnu::tls_model("initial-exec")]]{};
 };
