@@ -246,8 +246,8 @@ private:
     std::atomic<bool> interrupted_{false}; ///< the service ends; a worker thread is to stop
 };
 
-extern template class HTTPD_EXPORT HTTP_Svc_Handler_T<ACE_SOCK_Stream, ACE_MT_SYNCH>;
-extern template class HTTPD_EXPORT HTTP_Svc_Handler_T<ACE_SSL_SOCK_Stream, ACE_MT_SYNCH>;
-extern template class HTTPD_EXPORT HTTP_Svc_Handler_T<LSOCK_Stream, ACE_MT_SYNCH>;
-extern template class HTTPD_EXPORT HTTP_Svc_Handler_T<MEM_Stream, ACE_MT_SYNCH>;
-extern template class HTTPD_EXPORT HTTP_Svc_Handler_T<Pipe_Stream, ACE_NULL_SYNCH>;
+extern template class HTTP_Svc_Handler_T<ACE_SOCK_Stream, ACE_MT_SYNCH>;
+extern template class HTTP_Svc_Handler_T<ACE_SSL_SOCK_Stream, ACE_MT_SYNCH>;
+extern template class HTTP_Svc_Handler_T<LSOCK_Stream, ACE_MT_SYNCH>;
+extern template class HTTP_Svc_Handler_T<MEM_Stream, ACE_MT_SYNCH>;
+extern template class HTTP_Svc_Handler_T<Pipe_Stream, ACE_NULL_SYNCH>;
