@@ -53,6 +53,9 @@ uint32_t to_epoll(ACE_Reactor_Mask mask)
 // else by writing: it is reported again and again until somebody acts on it.
 ACE_Reactor_Mask from_epoll(uint32_t events, ACE_Reactor_Mask mask)
 {
+    if (events == EPOLLIN && (mask & INPUT_EVENTS) != 0) { // nearly always
+        return ACE_Event_Handler::READ_MASK;
+    }
     ACE_Reactor_Mask ready = ACE_Event_Handler::NULL_MASK;
     if ((events & EPOLLIN) != 0 && (mask & INPUT_EVENTS) != 0) {
         ready |= ACE_Event_Handler::READ_MASK;

@@ -297,6 +297,10 @@ int Epoll_Reactor::dispatch(const Upcall& upcall)
     // Nearly always there is one event, and then the table need not be asked again.
     switch (upcall.ready) {
     case ACE_Event_Handler::READ_MASK:
+        if (const int result = upcall.handler->handle_input(upcall.handle); result != 0) {
+            this->settle(upcall, ACE_Event_Handler::READ_MASK, result);
+        }
+        return 1;
     case ACE_Event_Handler::WRITE_MASK:
     case ACE_Event_Handler::EXCEPT_MASK:
         this->dispatch_one(upcall, upcall.ready);

@@ -120,18 +120,27 @@ ssize_t send_vector(int handle, const iovec* iov, int count, size_t total)
     return static_cast<ssize_t>(total);
 }
 
-/// Copies the entries one behind the other. @return the bytes copied.
-size_t flatten(const iovec* iov, int count, char* flat)
-{
-    size_t used = 0;
-    for (int i = 0; i < count; ++i) {
-        if (iov[i].iov_len > 0) {
-            std::memcpy(flat + used, iov[i].iov_base, iov[i].iov_len);
-            used += iov[i].iov_len;
+/// A small vector as one piece: one plain send costs less than a gathered one.
+struct Flat {
+    /// Copies the entries one behind the other. @return false when they are too much for that.
+    bool take(const iovec* iov, int count)
+    {
+        for (const iovec* const end = iov + count; iov < end; ++iov) {
+            const size_t length = iov->iov_len;
+            if (length > sizeof bytes_ - length_) {
+                return false;
+            }
+            if (length > 0) {
+                std::memcpy(bytes_ + length_, iov->iov_base, length);
+                length_ += length;
+            }
         }
+        return count >= 0;
     }
-    return used;
-}
+
+    size_t length_ = 0;
+    char bytes_[FLAT_LIMIT];
+};
 
 } // namespace
 
@@ -191,37 +200,29 @@ ssize_t ace_send(int handle, const void* data, size_t length)
 
 ssize_t ace_sendv(int handle, const iovec* iov, int count)
 {
-    size_t total = 0;
-    if (iovec_total(iov, count, total) == -1) {
-        return -1;
-    }
-    if (total > FLAT_LIMIT) {
-        return send_vector(handle, iov, count, total);
-    }
     if (count == 1) {
-        return send_all(handle, static_cast<const char*>(iov->iov_base), total);
+        return ace_send(handle, iov->iov_base, iov->iov_len);
     }
-    char flat[FLAT_LIMIT];
-    return send_all(handle, flat, flatten(iov, count, flat));
+    if (Flat flat; flat.take(iov, count)) {
+        return send_all(handle, flat.bytes_, flat.length_);
+    }
+    size_t total = 0;
+    return iovec_total(iov, count, total) == -1 ? -1 : send_vector(handle, iov, count, total);
 }
 
 ssize_t ace_sendv_now(int handle, const iovec* iov, int count)
 {
-    size_t total = 0;
-    if (iovec_total(iov, count, total) == -1) {
+    Flat flat;
+    const bool small = flat.take(iov, count);
+    if (size_t total = 0; !small && iovec_total(iov, count, total) == -1) {
         return -1;
     }
-    if (total == 0) {
+    if (small && flat.length_ == 0) {
         return 0;
     }
-    char flat[FLAT_LIMIT];
-    const bool small = total <= FLAT_LIMIT;
-    if (small) {
-        flatten(iov, count, flat);
-    }
     for (;;) {
-        const ssize_t sent =
-            small ? send(handle, flat, total, SEND_FLAGS) : send_gathered(handle, iov, count);
+        const ssize_t sent = small ? send(handle, flat.bytes_, flat.length_, SEND_FLAGS)
+                                   : send_gathered(handle, iov, count);
         if (sent >= 0) {
             return sent;
         }
