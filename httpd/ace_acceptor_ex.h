@@ -18,6 +18,7 @@
 #pragma GCC diagnostic pop
 #endif
 
+#include <algorithm>
 #include <cerrno>
 
 /**
@@ -36,7 +37,7 @@ public:
     using addr_type = typename base_type::addr_type;
     using traits_type = ACE_Peer_Acceptor_Traits<typename SVC_HANDLER::stream_type>;
 
-    enum { PAUSE_MS = 100 };
+    enum { PAUSE_MS = 100, MOST_AT_ONCE = 64 };
 
     /**
      * @param timeout        seconds for one accept, its handshake included; negative: no limit.
@@ -91,6 +92,18 @@ public:
         return result;
     }
 
+    /// Accepts the connections that wait, up to MOST_AT_ONCE of them. Called by the reactor.
+    int handle_input(ACE_HANDLE listener) override
+    {
+        // One at a time would wake a loop for each, and ask the kernel in between what is known.
+        int left = std::min<int>(traits_type::waiting(listener), MOST_AT_ONCE);
+        int result = 0;
+        do {
+            result = base_type::handle_input(listener);
+        } while (result == 0 && --left > 0 && pause_timer_id_ == -1);
+        return result;
+    }
+
     /// The pause is over: listens on. Called by the reactor.
     int handle_timeout(const ACE_Time_Value&, const void*) override
     {
@@ -139,6 +152,10 @@ protected:
         constexpr bool RESTART = true;
         if (traits_type::accept(this->peer_acceptor_, handler->peer(), &remote,
                                 timeout_ < 0 ? nullptr : &limit, RESTART, reset_new_handle) != -1) {
+            if constexpr (traits_type::ACCEPTS_READY &&
+                          requires { handler->accepted_from(remote); }) {
+                handler->accepted_from(remote);
+            }
             return 0;
         }
         const int error = errno;
@@ -146,6 +163,22 @@ protected:
         handler->close(CLOSE_DURING_NEW_CONNECTION);
         errno = error;
         return -1;
+    }
+
+    int activate_svc_handler(SVC_HANDLER* handler) override
+    {
+        if constexpr (!traits_type::ACCEPTS_READY) {
+            return base_type::activate_svc_handler(handler);
+        }
+        if ((this->flags_ & ACE_NONBLOCK) != 0) {
+            return base_type::activate_svc_handler(handler);
+        }
+        // The base would first set the mode that the descriptor has.
+        if (handler->open(static_cast<void*>(this)) == -1) {
+            handler->close(NORMAL_CLOSE_OPERATION);
+            return -1;
+        }
+        return 0;
     }
 
     /// Takes the listener from its reactor for PAUSE_MS. Keeps errno.

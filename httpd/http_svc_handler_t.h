@@ -64,6 +64,8 @@ public:
     ~HTTP_Svc_Handler_T() override;
 
     // --- life ---
+    /// Before open(), for a stream that comes from an accept: close-on-exec, with this peer.
+    void accepted_from(const ACE_INET_Addr& remote);
     int open(void* acceptor = nullptr) override;
     int close(u_long flags = 0) override;
     int handle_input(ACE_HANDLE handle) override;
@@ -250,4 +252,5 @@ extern template class HTTP_Svc_Handler_T<ACE_SOCK_Stream, ACE_MT_SYNCH>;
 extern template class HTTP_Svc_Handler_T<ACE_SSL_SOCK_Stream, ACE_MT_SYNCH>;
 extern template class HTTP_Svc_Handler_T<LSOCK_Stream, ACE_MT_SYNCH>;
 extern template class HTTP_Svc_Handler_T<MEM_Stream, ACE_MT_SYNCH>;
-extern template class HTTP_Svc_Handler_T<Pipe_Stream, ACE_NULL_SYNCH>;
+// The base of an exported class.
+extern template class HTTPD_EXPORT HTTP_Svc_Handler_T<Pipe_Stream, ACE_NULL_SYNCH>;

@@ -25,6 +25,12 @@ HTTP_Svc_Handler_T<Stream, Sync>::~HTTP_Svc_Handler_T()
 }
 
 template <typename Stream, typename Sync>
+void HTTP_Svc_Handler_T<Stream, Sync>::accepted_from(const ACE_INET_Addr& remote)
+{
+    remote_addr_ = remote;
+}
+
+template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::open(void*)
 {
     return this->open_i();
@@ -48,7 +54,8 @@ int HTTP_Svc_Handler_T<Stream, Sync>::open_i()
 
     concurrent_state_ = STATE_REACTIVE;
     const ACE_HANDLE handle = this->peer().get_handle();
-    if (enable_fd_cloexec(handle) == -1) {
+    const bool accepted = remote_addr_ != ACE_INET_Addr(); // then what accept4 did is known
+    if (!accepted && enable_fd_cloexec(handle) == -1) {
         HTTPD_ERROR("Failed to enable cloexec on HTTP connection handle %d, errno=%d, %m", handle,
                     errno);
     }
@@ -58,7 +65,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::open_i()
     }
     const HTTP_Options* const options = HTTP_Options::instance();
     this->socket_timeout(options->socket_send_timeout(), options->socket_receive_timeout());
-    if (this->peer().get_remote_addr(remote_addr_) == -1) {
+    if (!accepted && this->peer().get_remote_addr(remote_addr_) == -1) {
         HTTPD_ERROR("Failed to get remote address from HTTP connection handle %d, errno=%d, %m",
                     handle, errno);
     }

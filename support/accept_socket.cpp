@@ -12,6 +12,7 @@
 #include <sys/un.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 namespace {
@@ -108,6 +109,18 @@ int set_buffers(int handle, int recv_buf_size, int send_buf_size)
     return send_buf_size > 0
                ? setsockopt(handle, SOL_SOCKET, SO_SNDBUF, &send_buf_size, sizeof send_buf_size)
                : 0;
+}
+
+int waiting_connections(int listener)
+{
+    // Of a listening socket this field is the length of its queue.
+    constexpr socklen_t LENGTH = offsetof(tcp_info, tcpi_unacked) + sizeof(tcp_info::tcpi_unacked);
+    tcp_info info{};
+    socklen_t length = LENGTH;
+    if (getsockopt(listener, IPPROTO_TCP, TCP_INFO, &info, &length) == -1 || length < LENGTH) {
+        return 1;
+    }
+    return static_cast<int>(info.tcpi_unacked);
 }
 
 int send_at_once(int listener)

@@ -41,6 +41,9 @@ int listen_address(const ACE_INET_Addr& address, bool ipv6_only, ACE_INET_Addr& 
 /// Sets the socket buffers; 0 leaves the system's default. @return 0, or -1 with errno.
 int set_buffers(int handle, int recv_buf_size, int send_buf_size);
 
+/// How many connections wait on a TCP listener; 1 when that cannot be told.
+int waiting_connections(int listener);
+
 /// Switches Nagle's algorithm off on a TCP listener; what it accepts takes that over, for no system
 /// call per connection. A response leaves in whole writes, and its tail must not wait for the
 /// client's delayed acknowledgement. @return 0, or -1 with errno.

@@ -28,6 +28,10 @@
  * passed, EPROTO for a handshake of another protocol. Called by the thread that runs the listener's
  * reactor.
  *
+ * waiting(): how many connections wait to be accepted, 1 where that cannot be told; also 1 where an
+ * accept may take long. ACCEPTS_READY: accepted descriptors are blocking and close-on-exec, and
+ * `remote` is what getpeername says.
+ *
  * remember() and forget() bracket the time that the listener is open.
  */
 template <typename Stream>
@@ -36,7 +40,7 @@ struct ACE_Peer_Acceptor_Traits;
 /// What a listener leaves behind when it is closed: nothing.
 struct No_Leftover {};
 
-#define HTTPD_PEER_ACCEPTOR_TRAITS(STREAM, ACCEPTOR, LEFTOVER)                                     \
+#define HTTPD_PEER_ACCEPTOR_TRAITS(STREAM, ACCEPTOR, LEFTOVER, READY)                              \
     template <>                                                                                    \
     struct HTTPD_SUPPORT_EXPORT ACE_Peer_Acceptor_Traits<STREAM> {                                 \
         using Peer_Acceptor = ACCEPTOR;                                                            \
@@ -47,6 +51,8 @@ struct No_Leftover {};
         /* `remote` is of the acceptor's PEER_ADDR; `reset_new_handle` has no meaning here. */     \
         static int accept(Peer_Acceptor& acceptor, STREAM& stream, ACE_Addr* remote,               \
                           ACE_Time_Value* timeout, bool restart, bool reset_new_handle);           \
+        static constexpr bool ACCEPTS_READY = READY;                                               \
+        static int waiting(ACE_HANDLE listener);                                                   \
         /* Notes what has to be removed when the listener is closed. */                            \
         static void remember(Peer_Acceptor& acceptor, Leftover& leftover);                         \
         /* Removes it, before the listener is closed. */                                           \
@@ -55,13 +61,13 @@ struct No_Leftover {};
 
 /// `ipv6_only` on the IPv4 wildcard means the IPv6 wildcard without IPv4; on another IPv4 address
 /// it has no meaning.
-HTTPD_PEER_ACCEPTOR_TRAITS(ACE_SOCK_Stream, ACE_SOCK_Acceptor_Ex, No_Leftover);
+HTTPD_PEER_ACCEPTOR_TRAITS(ACE_SOCK_Stream, ACE_SOCK_Acceptor_Ex, No_Leftover, true);
 /// As for plain TCP; the time limit includes the TLS handshake.
-HTTPD_PEER_ACCEPTOR_TRAITS(ACE_SSL_SOCK_Stream, ACE_SSL_SOCK_Acceptor, No_Leftover);
+HTTPD_PEER_ACCEPTOR_TRAITS(ACE_SSL_SOCK_Stream, ACE_SSL_SOCK_Acceptor, No_Leftover, false);
 /// `ipv6_only` has no meaning. ENAMETOOLONG for a path that fills the address: it may be a cut one.
 /// A socket file that nobody listens on is replaced; EADDRINUSE for any other file.
-HTTPD_PEER_ACCEPTOR_TRAITS(LSOCK_Stream, ACE_LSOCK_Acceptor, Socket_File);
+HTTPD_PEER_ACCEPTOR_TRAITS(LSOCK_Stream, ACE_LSOCK_Acceptor, Socket_File, false);
 /// `ipv6_only` and the buffer sizes have no meaning: the socket carries offsets alone.
-HTTPD_PEER_ACCEPTOR_TRAITS(MEM_Stream, ACE_MEM_Acceptor, No_Leftover);
+HTTPD_PEER_ACCEPTOR_TRAITS(MEM_Stream, ACE_MEM_Acceptor, No_Leftover, false);
 
 #undef HTTPD_PEER_ACCEPTOR_TRAITS

@@ -161,6 +161,11 @@ int Traits::accept(Peer_Acceptor& acceptor, MEM_Stream& stream, ACE_Addr* remote
     return -1;
 }
 
+int Traits::waiting(ACE_HANDLE)
+{
+    return 1;
+}
+
 void Traits::remember(Peer_Acceptor&, Leftover&) {}
 
 void Traits::forget(Leftover&) {}

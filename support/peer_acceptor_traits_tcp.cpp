@@ -29,6 +29,11 @@ int Traits::accept(Peer_Acceptor& acceptor, ACE_SOCK_Stream& stream, ACE_Addr* r
     return handle == -1 ? -1 : 0;
 }
 
+int Traits::waiting(ACE_HANDLE listener)
+{
+    return waiting_connections(listener);
+}
+
 void Traits::remember(Peer_Acceptor&, Leftover&) {}
 
 void Traits::forget(Leftover&) {}

@@ -92,6 +92,11 @@ int Traits::accept(Peer_Acceptor& acceptor, ACE_SSL_SOCK_Stream& stream, ACE_Add
     return -1;
 }
 
+int Traits::waiting(ACE_HANDLE)
+{
+    return 1;
+}
+
 void Traits::remember(Peer_Acceptor&, Leftover&) {}
 
 void Traits::forget(Leftover&) {}

@@ -63,6 +63,11 @@ int Traits::accept(Peer_Acceptor& acceptor, LSOCK_Stream& stream, ACE_Addr* remo
     return handle == -1 ? -1 : 0;
 }
 
+int Traits::waiting(ACE_HANDLE)
+{
+    return 1;
+}
+
 void Traits::remember(Peer_Acceptor& acceptor, Leftover& leftover)
 {
     ACE_UNIX_Addr where;
