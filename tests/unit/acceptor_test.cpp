@@ -258,6 +258,32 @@ TEST_F(ACE_Acceptor_Ex_Test, a_failed_registration_leaves_nothing_open)
     EXPECT_TRUE(directory.names().empty()) << "nor its file";
 }
 
+TEST_F(ACE_Acceptor_Ex_Test, the_connections_that_wait_are_accepted_in_one_call)
+{
+    Tcp_Acceptor acceptor(loops, ACCEPT_TIMEOUT, BACKLOG, false, 0, 0);
+    ASSERT_EQ(acceptor.open(ACE_INET_Addr("127.0.0.1:0"), &host(), 0, 0, 1), 0);
+    std::vector<Test_Fd> clients;
+    for (int i = 0; i < 5; ++i) {
+        clients.push_back(connect_to(port_of(acceptor))); // in the queue once this returns
+    }
+    EXPECT_EQ(acceptor.handle_input(acceptor.get_handle()), 0);
+    EXPECT_EQ(record.opened.size(), 5U);
+}
+
+TEST_F(ACE_Acceptor_Ex_Test, one_call_accepts_a_bounded_number_of_connections)
+{
+    constexpr int MOST = Tcp_Acceptor::MOST_AT_ONCE;
+    Tcp_Acceptor acceptor(loops, ACCEPT_TIMEOUT, MOST + 8, false, 0, 0);
+    ASSERT_EQ(acceptor.open(ACE_INET_Addr("127.0.0.1:0"), &host(), 0, 0, 1), 0);
+    std::vector<Test_Fd> clients;
+    for (int i = 0; i < MOST + 2; ++i) {
+        clients.push_back(connect_to(port_of(acceptor)));
+    }
+    EXPECT_EQ(acceptor.handle_input(acceptor.get_handle()), 0);
+    EXPECT_EQ(record.opened.size(), static_cast<size_t>(MOST));
+    EXPECT_TRUE(run_until(host(), [] { return record.opened.size() == MOST + 2; }));
+}
+
 TEST_F(ACE_Acceptor_Ex_Test, settings_reach_the_listener)
 {
     Tcp_Acceptor acceptor(loops, ACCEPT_TIMEOUT, BACKLOG, false, 20'000, 30'000);

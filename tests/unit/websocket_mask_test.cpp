@@ -57,6 +57,21 @@ TEST(WebSocket_Mask, unmasks_every_length_at_every_alignment_and_offset)
     }
 }
 
+TEST(WebSocket_Mask, unmasks_long_payloads_of_every_remainder_at_every_alignment)
+{
+    for (size_t alignment = 0; alignment < 32; ++alignment) {
+        for (size_t length = 500; length <= 600; ++length) {
+            const unsigned offset = static_cast<unsigned>(alignment + length) % 4;
+            const std::string payload = sample(length);
+            std::string room(alignment, '#');
+            room += payload + "##";
+            websocket_unmask(room.data() + alignment, length, KEY, offset);
+            ASSERT_EQ(std::string(alignment, '#') + plain_unmask(payload, KEY, offset) + "##", room)
+                << "alignment " << alignment << " length " << length;
+        }
+    }
+}
+
 TEST(WebSocket_Mask, twice_gives_the_same_bytes_again)
 {
     const std::string payload = sample(1000);
