@@ -1,0 +1,6 @@
+#pragma once
+
+struct Ceiling_Options;
+
+// One function per kind; each runs until the program is ended.
+[[noreturn]] void serve_get(const Ceiling_Options& options);

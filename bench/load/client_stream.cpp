@@ -1,0 +1,53 @@
+#include "bench/load/client_stream.h"
+
+#include <cerrno>
+#include <poll.h>
+#include <unistd.h>
+
+Client_Stream::Client_Stream(const Target& target) : fd_(target.connect_and_wait()) {}
+
+Client_Stream::~Client_Stream()
+{
+    if (fd_ != -1) {
+        close(fd_);
+    }
+}
+
+bool Client_Stream::send_all(std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t sent = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (sent == -1 && errno != EINTR) {
+            return false;
+        }
+        bytes.remove_prefix(sent > 0 ? static_cast<size_t>(sent) : 0);
+    }
+    return true;
+}
+
+ssize_t Client_Stream::receive(char* buffer, size_t size)
+{
+    for (;;) {
+        const ssize_t received = recv(fd_, buffer, size, 0);
+        if (received != -1 || errno != EINTR) {
+            return received;
+        }
+    }
+}
+
+ssize_t Client_Stream::receive_within(char* buffer, size_t size, int milliseconds)
+{
+    pollfd waited = {fd_, POLLIN, 0};
+    if (poll(&waited, 1, milliseconds) == 1) {
+        return receive(buffer, size);
+    }
+    errno = EAGAIN;
+    return -1;
+}
+
+int Client_Stream::release()
+{
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+}
