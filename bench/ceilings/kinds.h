@@ -4,3 +4,4 @@ struct Ceiling_Options;
 
 // One function per kind; each runs until the program is ended.
 [[noreturn]] void serve_get(const Ceiling_Options& options);
+[[noreturn]] void serve_websocket(const Ceiling_Options& options);

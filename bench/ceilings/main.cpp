@@ -11,6 +11,7 @@ struct Kind {
 
 constexpr Kind KINDS[] = {
     {"get", serve_get},
+    {"websocket", serve_websocket},
 };
 
 } // namespace

@@ -5,6 +5,7 @@
 #include "bench/load/request.h"
 #include "bench/load/request_driver.h"
 #include "bench/load/scheduler_figures.h"
+#include "bench/load/websocket_driver.h"
 
 #include <cstdio>
 #include <ctime>
@@ -18,6 +19,9 @@ constexpr std::uint64_t SECOND = 1'000'000'000;
 
 std::unique_ptr<Load_Driver> make_driver(const Load_Options& options, Load_Engine& engine)
 {
+    if (options.mode_ == "websocket") {
+        return std::make_unique<Websocket_Driver>(options, engine);
+    }
     return std::make_unique<Request_Driver>(options, engine);
 }
 

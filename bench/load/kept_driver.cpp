@@ -1,0 +1,129 @@
+#include "bench/load/kept_driver.h"
+
+#include "bench/common/fail.h"
+#include "bench/load/client_stream.h"
+#include "bench/load/engine.h"
+#include "bench/load/options.h"
+
+#include <cerrno>
+#include <unistd.h>
+
+Kept_Driver::Kept_Driver(const Load_Options& options, Load_Engine& engine, std::string request,
+                         size_t receive_buffer)
+    : engine_(engine), target_(options), depth_(options.depth_), request_size_(request.size()),
+      buffer_(receive_buffer), connections_(options.connections_)
+{
+    requests_.reserve(depth_ * request_size_);
+    for (size_t i = 0; i < depth_; ++i) {
+        requests_ += request;
+    }
+}
+
+void Kept_Driver::prepare()
+{
+    for (Connection& connection : connections_) {
+        if (!open(connection)) {
+            fail_errno("cannot connect");
+        }
+    }
+}
+
+std::uint32_t Kept_Driver::key_of(const Connection& connection) const
+{
+    return static_cast<std::uint32_t>(&connection - connections_.data());
+}
+
+bool Kept_Driver::open(Connection& connection)
+{
+    Client_Stream stream(target_);
+    if (!stream.is_open() || !greet(stream)) {
+        return false;
+    }
+    connection = Connection();
+    connection.fd_ = stream.release();
+    stop_blocking(connection.fd_);
+    engine_.add(connection.fd_, key_of(connection), EPOLLIN);
+    opened(connection);
+    return true;
+}
+
+void Kept_Driver::begin()
+{
+    for (Connection& connection : connections_) {
+        start(connection);
+    }
+}
+
+void Kept_Driver::start(Connection& connection)
+{
+    const size_t granted = engine_.take(depth_);
+    if (granted != 0) {
+        connection.batch_ = static_cast<std::uint32_t>(granted);
+        connection.outstanding_ = connection.batch_;
+        connection.unsent_ = granted * request_size_;
+        connection.missing_ = granted * answer_length_;
+        connection.sent_at_ = engine_.now();
+        send_rest(connection);
+    }
+}
+
+void Kept_Driver::send_rest(Connection& connection)
+{
+    const size_t end = connection.batch_ * request_size_;
+    const ssize_t sent = send(connection.fd_, requests_.data() + (end - connection.unsent_),
+                              connection.unsent_, MSG_NOSIGNAL);
+    if (sent > 0) {
+        connection.unsent_ -= static_cast<size_t>(sent);
+    } else if (errno != EAGAIN && errno != EINTR) {
+        lost(connection);
+        return;
+    }
+    const bool waits = connection.unsent_ != 0;
+    if (waits != connection.waits_to_send_) {
+        connection.waits_to_send_ = waits;
+        engine_.change(connection.fd_, key_of(connection), waits ? EPOLLIN | EPOLLOUT : EPOLLIN);
+    }
+}
+
+void Kept_Driver::ready(std::uint32_t key, std::uint32_t events)
+{
+    Connection& connection = connections_[key];
+    if ((events & ~static_cast<std::uint32_t>(EPOLLOUT)) != 0) {
+        receive(connection);
+    } else {
+        send_rest(connection);
+    }
+}
+
+void Kept_Driver::receive(Connection& connection)
+{
+    const ssize_t received = recv(connection.fd_, buffer_.data(), buffer_.size(), 0);
+    if (received <= 0) {
+        if (received == 0 || (errno != EAGAIN && errno != EINTR)) {
+            lost(connection);
+        }
+        return;
+    }
+    engine_.read_clock();
+    engine_.received(static_cast<size_t>(received));
+    if (!take_answers(connection, buffer_.data(), static_cast<size_t>(received))) {
+        lost(connection);
+    } else if (connection.outstanding_ == 0) {
+        if (connection.unsent_ != 0) {
+            lost(connection); // an answer to less than what was asked
+        } else {
+            start(connection);
+        }
+    }
+}
+
+/// The connection cannot be used on: counts what it owes, opens another and goes on there.
+void Kept_Driver::lost(Connection& connection)
+{
+    close(connection.fd_);
+    engine_.failed(connection.outstanding_);
+    while (!open(connection)) {
+        engine_.refused();
+    }
+    start(connection);
+}

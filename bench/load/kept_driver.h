@@ -1,0 +1,79 @@
+#pragma once
+
+#include "bench/common/page_buffer.h"
+#include "bench/load/driver.h"
+#include "bench/load/target.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+class Client_Stream;
+class Load_Engine;
+struct Load_Options;
+
+/**
+ * What the modes with kept plain connections have in common: opening them, sending a batch of equal
+ * requests, receiving, and opening another one where a connection is lost.
+ */
+class Kept_Driver : public Load_Driver {
+public:
+    /**
+     * @param request         sent for each request
+     * @param receive_buffer  bytes; one buffer serves all connections
+     */
+    Kept_Driver(const Load_Options& options, Load_Engine& engine, std::string request,
+                size_t receive_buffer);
+
+    void prepare() override;
+    void begin() override;
+    void ready(std::uint32_t key, std::uint32_t events) override;
+
+protected:
+    struct Connection {
+        int fd_ = -1;
+        std::uint32_t batch_ = 0;       ///< requests sent at once
+        std::uint32_t outstanding_ = 0; ///< of them, not yet answered
+        bool waits_to_send_ = false;    ///< EPOLLOUT is asked for
+        std::uint64_t unsent_ = 0;      ///< bytes of the batch
+        std::uint64_t missing_ = 0;     ///< bytes of its answers, where their length is known
+        std::uint64_t sent_at_ = 0;
+    };
+
+    /// What is to be said on a new connection before requests; false where that goes wrong.
+    virtual bool greet(Client_Stream&) { return true; }
+
+    /// A connection has been opened, again or for the first time.
+    virtual void opened(Connection&) {}
+
+    /**
+     * Takes what has been received, of which the engine is told answer by answer.
+     *
+     * @return false: it cannot be the answers to what was sent
+     */
+    virtual bool take_answers(Connection& connection, const char* data, size_t size) = 0;
+
+    Load_Engine& engine() { return engine_; }
+    const Target& target() const { return target_; }
+    std::uint32_t key_of(const Connection& connection) const;
+    size_t connection_count() const { return connections_.size(); }
+
+    /// Of one answer, where all are of one length; 0 where they are not.
+    std::uint64_t answer_length_ = 0;
+
+private:
+    void start(Connection& connection);
+    void send_rest(Connection& connection);
+    void receive(Connection& connection);
+    void lost(Connection& connection);
+    bool open(Connection& connection);
+
+    Load_Engine& engine_;
+    Target target_;
+    size_t depth_;
+    size_t request_size_;
+    std::string requests_; ///< as many as are sent at once
+    Page_Buffer buffer_;
+    std::vector<Connection> connections_;
+};
