@@ -1,4 +1,5 @@
 #include "bench/common/fail.h"
+#include "bench/load/close_driver.h"
 #include "bench/load/driver.h"
 #include "bench/load/engine.h"
 #include "bench/load/options.h"
@@ -19,6 +20,9 @@ constexpr std::uint64_t SECOND = 1'000'000'000;
 
 std::unique_ptr<Load_Driver> make_driver(const Load_Options& options, Load_Engine& engine)
 {
+    if (options.mode_ == "close") {
+        return std::make_unique<Close_Driver>(options, engine);
+    }
     if (options.mode_ == "websocket") {
         return std::make_unique<Websocket_Driver>(options, engine);
     }

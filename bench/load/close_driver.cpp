@@ -1,0 +1,138 @@
+#include "bench/load/close_driver.h"
+
+#include "bench/common/fail.h"
+#include "bench/load/client_stream.h"
+#include "bench/load/engine.h"
+#include "bench/load/options.h"
+#include "bench/load/request.h"
+
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t RECEIVE_BUFFER = 256 * 1024;
+constexpr std::uint32_t INPUT = EPOLLIN | EPOLLRDHUP;
+
+} // namespace
+
+Close_Driver::Close_Driver(const Load_Options& options, Load_Engine& engine)
+    : engine_(engine), target_(options), request_(make_request(options)), buffer_(RECEIVE_BUFFER),
+      slots_(options.connections_)
+{
+}
+
+void Close_Driver::prepare()
+{
+    Client_Stream first(target_);
+    if (!first.is_open() || !first.send_all(request_)) {
+        fail_errno("cannot connect");
+    }
+    answer_ = learn_answer(first, true);
+}
+
+std::uint32_t Close_Driver::key_of(const Slot& slot) const
+{
+    return static_cast<std::uint32_t>(&slot - slots_.data());
+}
+
+void Close_Driver::begin()
+{
+    for (Slot& slot : slots_) {
+        start(slot);
+    }
+}
+
+void Close_Driver::start(Slot& slot)
+{
+    while (engine_.take(1) != 0) {
+        slot = Slot();
+        slot.sent_at_ = engine_.now();
+        if (open(slot)) {
+            return;
+        }
+        if (slot.fd_ != -1) {
+            close(slot.fd_);
+        }
+        engine_.failed(1);
+        engine_.read_clock();
+    }
+}
+
+bool Close_Driver::open(Slot& slot)
+{
+    bool waiting = false;
+    slot.fd_ = target_.begin_connect(waiting);
+    if (slot.fd_ == -1) {
+        return false;
+    }
+    if (!waiting && !send_request(slot)) {
+        return false;
+    }
+    slot.sent_ = !waiting;
+    engine_.add(slot.fd_, key_of(slot), waiting ? EPOLLOUT : INPUT);
+    return true;
+}
+
+/// A new connection's send buffer takes any request of this mode at once.
+bool Close_Driver::send_request(const Slot& slot)
+{
+    return send(slot.fd_, request_.data(), request_.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(request_.size());
+}
+
+void Close_Driver::ready(std::uint32_t key, std::uint32_t events)
+{
+    Slot& slot = slots_[key];
+    if (slot.sent_) {
+        finish(slot, receive(slot, events));
+    } else if (!send_request(slot)) {
+        engine_.read_clock();
+        finish(slot, Progress::FAILED);
+    } else {
+        slot.sent_ = true;
+        engine_.change(slot.fd_, key, INPUT);
+    }
+}
+
+Close_Driver::Progress Close_Driver::receive(Slot& slot, std::uint32_t events)
+{
+    const ssize_t received = recv(slot.fd_, buffer_.data(), buffer_.size(), 0);
+    engine_.read_clock();
+    if (received == -1) {
+        return errno == EAGAIN || errno == EINTR ? Progress::WAITS : Progress::FAILED;
+    }
+    const size_t size = static_cast<size_t>(received);
+    const size_t begin = answer_.begin_.size();
+    if (slot.received_ == 0 && size >= begin &&
+        std::memcmp(buffer_.data(), answer_.begin_.data(), begin) != 0) {
+        return Progress::FAILED;
+    }
+    engine_.received(size);
+    slot.received_ += size;
+    if (slot.received_ > answer_.length_) {
+        return Progress::FAILED;
+    }
+    // The end was there before the recv where epoll said so: it needs no recv of its own, if all
+    // that was to come before it has come.
+    const bool end = size == 0 || ((events & EPOLLRDHUP) != 0 && slot.received_ == answer_.length_);
+    if (!end) {
+        return Progress::WAITS;
+    }
+    return slot.received_ == answer_.length_ ? Progress::ANSWERED : Progress::FAILED;
+}
+
+void Close_Driver::finish(Slot& slot, Progress progress)
+{
+    if (progress == Progress::WAITS) {
+        return;
+    }
+    close(slot.fd_);
+    if (progress == Progress::ANSWERED) {
+        engine_.answered(slot.sent_at_);
+    } else {
+        engine_.failed(1);
+    }
+    start(slot);
+}
