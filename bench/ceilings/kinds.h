@@ -8,5 +8,7 @@ struct Ceiling_Options;
 [[noreturn]] void serve_get(const Ceiling_Options& options);
 [[noreturn]] void serve_pipelined(const Ceiling_Options& options);
 [[noreturn]] void serve_threads(const Ceiling_Options& options);
+[[noreturn]] void serve_tls(const Ceiling_Options& options);
+[[noreturn]] void serve_tls_close(const Ceiling_Options& options);
 [[noreturn]] void serve_upload(const Ceiling_Options& options);
 [[noreturn]] void serve_websocket(const Ceiling_Options& options);

@@ -10,8 +10,14 @@ struct Kind {
 };
 
 constexpr Kind KINDS[] = {
-    {"get", serve_get},         {"pipelined", serve_pipelined}, {"close", serve_close},
-    {"file", serve_file},       {"upload", serve_upload},       {"websocket", serve_websocket},
+    {"get", serve_get},
+    {"pipelined", serve_pipelined},
+    {"close", serve_close},
+    {"file", serve_file},
+    {"upload", serve_upload},
+    {"tls", serve_tls},
+    {"tls-close", serve_tls_close},
+    {"websocket", serve_websocket},
     {"threads", serve_threads},
 };
 

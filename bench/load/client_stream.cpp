@@ -13,10 +13,22 @@ Client_Stream::~Client_Stream()
     }
 }
 
+bool Client_Stream::start_tls(const Tls_Client& client)
+{
+    session_ = client.open(fd_);
+    if (tls_handshake(session_) == 1) {
+        return true;
+    }
+    errno = ECONNABORTED;
+    return false;
+}
+
 bool Client_Stream::send_all(std::string_view bytes)
 {
     while (!bytes.empty()) {
-        const ssize_t sent = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        const ssize_t sent = session_ != nullptr
+                                 ? tls_send(session_, bytes.data(), bytes.size())
+                                 : send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (sent == -1 && errno != EINTR) {
             return false;
         }
@@ -28,7 +40,9 @@ bool Client_Stream::send_all(std::string_view bytes)
 ssize_t Client_Stream::receive(char* buffer, size_t size)
 {
     for (;;) {
-        const ssize_t received = recv(fd_, buffer, size, 0);
+        bool end = false;
+        const ssize_t received = session_ != nullptr ? tls_receive(session_, buffer, size, end)
+                                                     : recv(fd_, buffer, size, 0);
         if (received != -1 || errno != EINTR) {
             return received;
         }

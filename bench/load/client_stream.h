@@ -1,10 +1,12 @@
 #pragma once
 
 #include "bench/load/target.h"
+#include "bench/load/tls_client.h"
 
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
 
 /**
  * A blocking connection for what comes before the measuring: learning an answer, handshakes, the
@@ -20,6 +22,9 @@ public:
 
     bool is_open() const { return fd_ != -1; }
 
+    /// Makes a TLS connection of it; false where the handshake fails.
+    bool start_tls(const Tls_Client& client);
+
     bool send_all(std::string_view bytes);
 
     /// As recv: 0 at the end of the connection, -1 with EAGAIN when nothing came in time.
@@ -31,6 +36,10 @@ public:
     /// Hands the descriptor out, to a caller that closes it.
     int release();
 
+    /// Hands the TLS session out; what is left is the plain connection.
+    Tls_Session release_tls() { return std::move(session_); }
+
 private:
     int fd_;
+    Tls_Session session_; ///< null: plain
 };

@@ -26,7 +26,7 @@ Close_Driver::Close_Driver(const Load_Options& options, Load_Engine& engine)
 void Close_Driver::prepare()
 {
     Client_Stream first(target_);
-    if (!first.is_open() || !first.send_all(request_)) {
+    if (!first.is_open() || !secure(first) || !first.send_all(request_)) {
         fail_errno("cannot connect");
     }
     answer_ = learn_answer(first, true);
@@ -53,6 +53,7 @@ void Close_Driver::start(Slot& slot)
             return;
         }
         if (slot.fd_ != -1) {
+            closing(slot);
             close(slot.fd_);
         }
         engine_.failed(1);
@@ -62,24 +63,35 @@ void Close_Driver::start(Slot& slot)
 
 bool Close_Driver::open(Slot& slot)
 {
-    bool waiting = false;
-    slot.fd_ = target_.begin_connect(waiting);
+    slot.fd_ = target_.begin_connect(slot.connecting_);
     if (slot.fd_ == -1) {
         return false;
     }
-    if (!waiting && !send_request(slot)) {
-        return false;
+    opened(slot);
+    if (!slot.connecting_) {
+        const int sent = try_send(slot, request_);
+        if (sent == -1) {
+            return false;
+        }
+        slot.sent_ = sent == 1;
     }
-    slot.sent_ = !waiting;
-    engine_.add(slot.fd_, key_of(slot), waiting ? EPOLLOUT : INPUT);
+    engine_.add(slot.fd_, key_of(slot), slot.connecting_ ? EPOLLOUT : INPUT);
     return true;
 }
 
-/// A new connection's send buffer takes any request of this mode at once.
-bool Close_Driver::send_request(const Slot& slot)
+int Close_Driver::try_send(Slot& slot, const std::string& request)
 {
-    return send(slot.fd_, request_.data(), request_.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(request_.size());
+    return send(slot.fd_, request.data(), request.size(), MSG_NOSIGNAL) ==
+                   static_cast<ssize_t>(request.size())
+               ? 1
+               : -1;
+}
+
+ssize_t Close_Driver::receive_some(Slot& slot, char* buffer, size_t size, bool& end)
+{
+    const ssize_t received = recv(slot.fd_, buffer, size, 0);
+    end = received == 0;
+    return received;
 }
 
 void Close_Driver::ready(std::uint32_t key, std::uint32_t events)
@@ -87,18 +99,24 @@ void Close_Driver::ready(std::uint32_t key, std::uint32_t events)
     Slot& slot = slots_[key];
     if (slot.sent_) {
         finish(slot, receive(slot, events));
-    } else if (!send_request(slot)) {
+        return;
+    }
+    if (slot.connecting_) {
+        slot.connecting_ = false;
+        engine_.change(slot.fd_, key, INPUT);
+    }
+    const int sent = try_send(slot, request_);
+    slot.sent_ = sent == 1;
+    if (sent == -1) {
         engine_.read_clock();
         finish(slot, Progress::FAILED);
-    } else {
-        slot.sent_ = true;
-        engine_.change(slot.fd_, key, INPUT);
     }
 }
 
 Close_Driver::Progress Close_Driver::receive(Slot& slot, std::uint32_t events)
 {
-    const ssize_t received = recv(slot.fd_, buffer_.data(), buffer_.size(), 0);
+    bool end = false;
+    const ssize_t received = receive_some(slot, buffer_.data(), buffer_.size(), end);
     engine_.read_clock();
     if (received == -1) {
         return errno == EAGAIN || errno == EINTR ? Progress::WAITS : Progress::FAILED;
@@ -116,11 +134,11 @@ Close_Driver::Progress Close_Driver::receive(Slot& slot, std::uint32_t events)
     }
     // The end was there before the recv where epoll said so: it needs no recv of its own, if all
     // that was to come before it has come.
-    const bool end = size == 0 || ((events & EPOLLRDHUP) != 0 && slot.received_ == answer_.length_);
-    if (!end) {
+    const bool whole = slot.received_ == answer_.length_;
+    if (!end && ((events & EPOLLRDHUP) == 0 || !whole)) {
         return Progress::WAITS;
     }
-    return slot.received_ == answer_.length_ ? Progress::ANSWERED : Progress::FAILED;
+    return whole ? Progress::ANSWERED : Progress::FAILED;
 }
 
 void Close_Driver::finish(Slot& slot, Progress progress)
@@ -128,6 +146,7 @@ void Close_Driver::finish(Slot& slot, Progress progress)
     if (progress == Progress::WAITS) {
         return;
     }
+    closing(slot);
     close(slot.fd_);
     if (progress == Progress::ANSWERED) {
         engine_.answered(slot.sent_at_);

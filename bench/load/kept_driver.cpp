@@ -43,7 +43,7 @@ bool Kept_Driver::open(Connection& connection)
     connection.fd_ = stream.release();
     stop_blocking(connection.fd_);
     engine_.add(connection.fd_, key_of(connection), EPOLLIN);
-    opened(connection);
+    opened(connection, stream);
     return true;
 }
 
@@ -70,8 +70,8 @@ void Kept_Driver::start(Connection& connection)
 void Kept_Driver::send_rest(Connection& connection)
 {
     const size_t end = connection.batch_ * request_size_;
-    const ssize_t sent = send(connection.fd_, requests_.data() + (end - connection.unsent_),
-                              connection.unsent_, MSG_NOSIGNAL);
+    const ssize_t sent =
+        send_some(connection, requests_.data() + (end - connection.unsent_), connection.unsent_);
     if (sent > 0) {
         connection.unsent_ -= static_cast<size_t>(sent);
     } else if (errno != EAGAIN && errno != EINTR) {
@@ -95,31 +95,46 @@ void Kept_Driver::ready(std::uint32_t key, std::uint32_t events)
     }
 }
 
+ssize_t Kept_Driver::send_some(Connection& connection, const char* data, size_t size)
+{
+    return send(connection.fd_, data, size, MSG_NOSIGNAL);
+}
+
+ssize_t Kept_Driver::receive_some(Connection& connection, char* buffer, size_t size)
+{
+    return recv(connection.fd_, buffer, size, 0);
+}
+
 void Kept_Driver::receive(Connection& connection)
 {
-    const ssize_t received = recv(connection.fd_, buffer_.data(), buffer_.size(), 0);
-    if (received <= 0) {
-        if (received == 0 || (errno != EAGAIN && errno != EINTR)) {
+    size_t size = 0;
+    do {
+        const ssize_t received = receive_some(connection, buffer_.data(), buffer_.size());
+        if (received <= 0) {
+            if (received == 0 || (errno != EAGAIN && errno != EINTR)) {
+                lost(connection);
+            }
+            return;
+        }
+        size = static_cast<size_t>(received);
+        engine_.read_clock();
+        engine_.received(size);
+        // An answer to a request that has not been sent whole is one to something else.
+        if (!take_answers(connection, buffer_.data(), size) ||
+            (connection.outstanding_ == 0 && connection.unsent_ != 0)) {
             lost(connection);
+            return;
         }
-        return;
-    }
-    engine_.read_clock();
-    engine_.received(static_cast<size_t>(received));
-    if (!take_answers(connection, buffer_.data(), static_cast<size_t>(received))) {
-        lost(connection);
-    } else if (connection.outstanding_ == 0) {
-        if (connection.unsent_ != 0) {
-            lost(connection); // an answer to less than what was asked
-        } else {
-            start(connection);
-        }
+    } while (connection.outstanding_ != 0 && size == buffer_.size());
+    if (connection.outstanding_ == 0) {
+        start(connection);
     }
 }
 
 /// The connection cannot be used on: counts what it owes, opens another and goes on there.
 void Kept_Driver::lost(Connection& connection)
 {
+    closing(connection);
     close(connection.fd_);
     engine_.failed(connection.outstanding_);
     while (!open(connection)) {

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 class Client_Stream;
@@ -44,8 +45,16 @@ protected:
     /// What is to be said on a new connection before requests; false where that goes wrong.
     virtual bool greet(Client_Stream&) { return true; }
 
-    /// A connection has been opened, again or for the first time.
-    virtual void opened(Connection&) {}
+    /// A connection has been opened by the stream, again or for the first time.
+    virtual void opened(Connection&, Client_Stream&) {}
+
+    /// Its descriptor is about to be closed.
+    virtual void closing(Connection&) {}
+
+    /// As send() and recv() on a socket that does not block. The second takes all that has come, as
+    /// far as the buffer holds it.
+    virtual ssize_t send_some(Connection& connection, const char* data, size_t size);
+    virtual ssize_t receive_some(Connection& connection, char* buffer, size_t size);
 
     /**
      * Takes what has been received, of which the engine is told answer by answer.

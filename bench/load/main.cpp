@@ -6,6 +6,8 @@
 #include "bench/load/request.h"
 #include "bench/load/request_driver.h"
 #include "bench/load/scheduler_figures.h"
+#include "bench/load/tls_close_driver.h"
+#include "bench/load/tls_driver.h"
 #include "bench/load/websocket_driver.h"
 
 #include <cstdio>
@@ -22,6 +24,12 @@ std::unique_ptr<Load_Driver> make_driver(const Load_Options& options, Load_Engin
 {
     if (options.mode_ == "close") {
         return std::make_unique<Close_Driver>(options, engine);
+    }
+    if (options.mode_ == "tls") {
+        return std::make_unique<Tls_Driver>(options, engine);
+    }
+    if (options.mode_ == "tls-close") {
+        return std::make_unique<Tls_Close_Driver>(options, engine);
     }
     if (options.mode_ == "websocket") {
         return std::make_unique<Websocket_Driver>(options, engine);

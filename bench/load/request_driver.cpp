@@ -23,7 +23,7 @@ Request_Driver::Request_Driver(const Load_Options& options, Load_Engine& engine)
 void Request_Driver::prepare()
 {
     Client_Stream first(target());
-    if (!first.is_open() || !first.send_all(request_)) {
+    if (!first.is_open() || !greet(first) || !first.send_all(request_)) {
         fail_errno("cannot connect");
     }
     answer_ = learn_answer(first, false);

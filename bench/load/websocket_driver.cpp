@@ -68,7 +68,7 @@ bool Websocket_Driver::greet(Client_Stream& stream)
     return open_websocket(stream, upgrade_);
 }
 
-void Websocket_Driver::opened(Connection& connection)
+void Websocket_Driver::opened(Connection& connection, Client_Stream&)
 {
     readers_[key_of(connection)] = Echo_Reader(&payload_);
 }

@@ -12,7 +12,7 @@ public:
 
 protected:
     bool greet(Client_Stream& stream) override;
-    void opened(Connection& connection) override;
+    void opened(Connection& connection, Client_Stream& stream) override;
     bool take_answers(Connection& connection, const char* data, size_t size) override;
 
 private:
