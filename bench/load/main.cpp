@@ -2,6 +2,7 @@
 #include "bench/load/close_driver.h"
 #include "bench/load/driver.h"
 #include "bench/load/engine.h"
+#include "bench/load/idle.h"
 #include "bench/load/options.h"
 #include "bench/load/request.h"
 #include "bench/load/request_driver.h"
@@ -110,6 +111,9 @@ int main(int argc, char** argv)
         return std::fwrite(request.data(), 1, request.size(), stdout) == request.size() ? 0 : 1;
     }
     allow_many_descriptors();
+    if (options.mode_ == "idle") {
+        return hold_idle_connections(options);
+    }
     Load_Engine engine;
     const std::unique_ptr<Load_Driver> driver = make_driver(options, engine);
     driver->prepare();
