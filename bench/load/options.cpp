@@ -42,7 +42,7 @@ idle        opens --connections, sends a request on each, prints "ready" and hol
 Prints one line of JSON. "requests" are those with a right answer, "errors" wrong lengths, refused
 and broken connections, "bytes" what was received, all within the measured time, which ends with
 the last answer. "server_cpu_ns" is the difference of the first field of
-/proc/PID/task/*/schedstat, or of the process's clock where a thread has ended meanwhile.
+/proc/PID/task/*/schedstat, or of the process's clock where threads have ended meanwhile.
 )";
 
 constexpr const char* MODES[] = {"get", "pipelined", "close",     "upload",

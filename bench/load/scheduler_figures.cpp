@@ -2,7 +2,7 @@
 
 #include "bench/common/fail.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -56,12 +56,12 @@ Scheduler_Figures::Process Scheduler_Figures::read(pid_t pid)
     if (threads == nullptr) {
         fail_errno("%s", folder.c_str());
     }
-    Process process{pid, process_clock(pid), {}};
+    Process process{process_clock(pid), 0};
     while (const dirent* const entry = readdir(threads)) {
         std::uint64_t nanoseconds = 0;
         if (entry->d_name[0] != '.' &&
             read_schedstat(folder + '/' + entry->d_name + "/schedstat", nanoseconds)) {
-            process.threads_[std::atoi(entry->d_name)] = nanoseconds;
+            process.threads_ += nanoseconds;
         }
     }
     closedir(threads);
@@ -70,17 +70,9 @@ Scheduler_Figures::Process Scheduler_Figures::read(pid_t pid)
 
 std::uint64_t Scheduler_Figures::between(const Process& before, const Process& after)
 {
-    std::uint64_t sum = 0;
-    for (const auto& [thread, nanoseconds] : after.threads_) {
-        sum += nanoseconds;
-    }
-    for (const auto& [thread, nanoseconds] : before.threads_) {
-        if (!after.threads_.contains(thread)) {
-            return after.clock_ - before.clock_;
-        }
-        sum -= nanoseconds;
-    }
-    return sum;
+    const std::uint64_t by_threads =
+        after.threads_ > before.threads_ ? after.threads_ - before.threads_ : 0;
+    return std::max(by_threads, after.clock_ - before.clock_);
 }
 
 std::uint64_t Scheduler_Figures::since(const Scheduler_Figures& before) const

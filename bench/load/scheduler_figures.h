@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <vector>
 
 #include <sys/types.h>
@@ -20,16 +19,16 @@ public:
     /**
      * Nanoseconds on processors since `before`, which is of the same processes.
      *
-     * Threads that began in between count from their begin. Where one has ended, its own figure is
-     * gone; that process is then counted by its clock, which includes ended threads.
+     * The sum of the threads' figures (first field of /proc/PID/task/.../schedstat). The figure of
+     * a thread that has ended is gone; the process's clock, which counts by the same figures, still
+     * has it and is then the larger one.
      */
     std::uint64_t since(const Scheduler_Figures& before) const;
 
 private:
     struct Process {
-        pid_t pid_;
         std::uint64_t clock_;
-        std::map<pid_t, std::uint64_t> threads_;
+        std::uint64_t threads_; ///< the sum of their figures
     };
 
     static Process read(pid_t pid);
