@@ -11,6 +11,7 @@
 namespace {
 
 constexpr size_t RECEIVE_BUFFER = 256 * 1024;
+constexpr std::uint64_t LARGE_ANSWER = 32 * 1024;
 
 } // namespace
 
@@ -28,7 +29,13 @@ void Request_Driver::prepare()
     }
     answer_ = learn_answer(first, false);
     answer_length_ = answer_.length_;
+    dropped_ = answer_.length_ >= LARGE_ANSWER && can_drop();
     Kept_Driver::prepare();
+}
+
+ssize_t Request_Driver::receive_some(Connection& connection, char* buffer, size_t size)
+{
+    return recv(connection.fd_, buffer, size, dropped_ ? MSG_TRUNC : 0);
 }
 
 bool Request_Driver::take_answers(Connection& connection, const char* data, size_t size)
@@ -37,7 +44,7 @@ bool Request_Driver::take_answers(Connection& connection, const char* data, size
     if (size > connection.missing_) {
         return false;
     }
-    if (connection.missing_ == connection.batch_ * answer_length_ && size >= begin &&
+    if (connection.missing_ == connection.batch_ * answer_length_ && !dropped_ && size >= begin &&
         std::memcmp(data, answer_.begin_.data(), begin) != 0) {
         return false;
     }

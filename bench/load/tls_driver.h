@@ -11,6 +11,7 @@ public:
     Tls_Driver(const Load_Options& options, Load_Engine& engine);
 
 protected:
+    bool can_drop() const override { return false; }
     bool greet(Client_Stream& stream) override;
     void opened(Connection& connection, Client_Stream& stream) override;
     void closing(Connection& connection) override;
