@@ -83,6 +83,6 @@ int open_listener(const Ceiling_Options& options, bool blocking)
         fail_errno("listen");
     }
     std::puts("ready");
-    std::fflush(stdout);
+    static_cast<void>(std::fflush(stdout));
     return fd;
 }

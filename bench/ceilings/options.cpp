@@ -69,7 +69,7 @@ Ceiling_Options Ceiling_Options::parse(int argc, char** argv)
     while (arguments.more()) {
         const std::string_view name = arguments.name();
         if (name == "--port") {
-            options.port_ = static_cast<int>(arguments.number(1) & 0xffff);
+            options.port_ = static_cast<int>(arguments.number(1, 65535));
         } else if (name == "--unix") {
             options.unix_path_ = arguments.text();
         } else if (name == "--cert") {

@@ -6,40 +6,29 @@
 #include "bench/common/fail.h"
 
 #include <cerrno>
-#include <cstdint>
-#include <pthread.h>
 #include <string>
 #include <sys/socket.h>
+#include <system_error>
+#include <thread>
 #include <unistd.h>
 
 namespace {
 
-constexpr size_t STACK = 256 * 1024;
-constexpr size_t BUFFER = 8 * 1024; // on the stack: a thread allocates nothing
-
-std::string answer;
-
-extern "C" void* serve_connection(void* argument)
+void serve_connection(int fd, const std::string& answer)
 {
-    const int fd = static_cast<int>(reinterpret_cast<std::intptr_t>(argument));
-    char buffer[BUFFER];
+    char buffer[8192]; // on the stack: a thread allocates nothing
     while (recv(fd, buffer, sizeof buffer, 0) > 0 &&
            send(fd, answer.data(), answer.size(), MSG_NOSIGNAL) ==
                static_cast<ssize_t>(answer.size())) {
     }
     close(fd);
-    return nullptr;
 }
 
 } // namespace
 
 void serve_threads(const Ceiling_Options& options)
 {
-    answer = constant_answer(true);
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_attr_setstacksize(&attributes, STACK);
+    const std::string answer = constant_answer(true);
     const int listener = open_listener(options, true);
     for (;;) {
         const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
@@ -49,12 +38,10 @@ void serve_threads(const Ceiling_Options& options)
             }
             fail_errno("accept4");
         }
-        pthread_t thread = {};
-        const int error = pthread_create(&thread, &attributes, serve_connection,
-                                         reinterpret_cast<void*>(static_cast<std::intptr_t>(fd)));
-        if (error != 0) {
-            errno = error;
-            fail_errno("pthread_create");
+        try {
+            std::thread([fd, &answer] { serve_connection(fd, answer); }).detach();
+        } catch (const std::system_error& error) {
+            fail("no thread can be started: %s", error.what());
         }
     }
 }

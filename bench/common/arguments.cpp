@@ -13,15 +13,16 @@ const char* Arguments::text()
     return argv_[next_++];
 }
 
-std::uint64_t Arguments::number(std::uint64_t least)
+std::uint64_t Arguments::number(std::uint64_t least, std::uint64_t most)
 {
     const char* const value = text();
     char* end = nullptr;
     errno = 0;
     const std::uint64_t result = std::strtoull(value, &end, 10);
-    if (*value < '0' || *value > '9' || *end != '\0' || errno != 0 || result < least) {
-        fail("%s: \"%s\" is not a number of at least %llu", name_.data(), value,
-             static_cast<unsigned long long>(least));
+    if (*value < '0' || *value > '9' || *end != '\0' || errno != 0 || result < least ||
+        result > most) {
+        fail("%s: \"%s\" is not a number from %llu to %llu", name_.data(), value,
+             static_cast<unsigned long long>(least), static_cast<unsigned long long>(most));
     }
     return result;
 }

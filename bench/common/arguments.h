@@ -17,8 +17,8 @@ public:
     /// The value of the name taken last; ends the program where there is none.
     const char* text();
 
-    /// The same as a number of at least `least`; ends the program where it is not one.
-    std::uint64_t number(std::uint64_t least = 0);
+    /// The same as a number within the bounds; ends the program where it is not one.
+    std::uint64_t number(std::uint64_t least = 0, std::uint64_t most = UINT64_MAX);
     double seconds();
 
     /// Ends the program: the name taken last is unknown.

@@ -1,10 +1,9 @@
 #include "bench/load/client_stream.h"
 
 #include <cerrno>
+#include <cstring>
 #include <poll.h>
 #include <unistd.h>
-
-Client_Stream::Client_Stream(const Target& target) : fd_(target.connect_and_wait()) {}
 
 Client_Stream::~Client_Stream()
 {
@@ -13,14 +12,23 @@ Client_Stream::~Client_Stream()
     }
 }
 
-bool Client_Stream::start_tls(const Tls_Client& client)
+bool Client_Stream::connect(const Target& target, std::string& why)
+{
+    fd_ = target.connect_and_wait();
+    if (fd_ == -1) {
+        why = std::string("cannot connect: ") + std::strerror(errno);
+    }
+    return fd_ != -1;
+}
+
+bool Client_Stream::start_tls(const Tls_Client& client, std::string& why)
 {
     session_ = client.open(fd_);
-    if (tls_handshake(session_) == 1) {
-        return true;
+    if (tls_handshake(session_) != 1) {
+        why = "the TLS handshake fails";
+        return false;
     }
-    errno = ECONNABORTED;
-    return false;
+    return true;
 }
 
 bool Client_Stream::send_all(std::string_view bytes)

@@ -14,17 +14,16 @@
  */
 class Client_Stream {
 public:
-    /// Connects; is_open() says whether that went well, errno why not.
-    explicit Client_Stream(const Target& target);
+    Client_Stream() = default;
     Client_Stream(const Client_Stream&) = delete;
     Client_Stream& operator=(const Client_Stream&) = delete;
     ~Client_Stream();
 
-    bool is_open() const { return fd_ != -1; }
+    // False, and why, where they fail.
+    bool connect(const Target& target, std::string& why);
+    bool start_tls(const Tls_Client& client, std::string& why);
 
-    /// Makes a TLS connection of it; false where the handshake fails.
-    bool start_tls(const Tls_Client& client);
-
+    /// False, with errno, where it fails.
     bool send_all(std::string_view bytes);
 
     /// As recv: 0 at the end of the connection, -1 with EAGAIN when nothing came in time.
@@ -40,6 +39,6 @@ public:
     Tls_Session release_tls() { return std::move(session_); }
 
 private:
-    int fd_;
+    int fd_ = -1;
     Tls_Session session_; ///< null: plain
 };

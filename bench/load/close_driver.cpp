@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr size_t RECEIVE_BUFFER = 256 * 1024;
+constexpr size_t RECEIVE_BUFFER = 0x40000;
 constexpr std::uint32_t INPUT = EPOLLIN | EPOLLRDHUP;
 
 } // namespace
@@ -25,9 +25,13 @@ Close_Driver::Close_Driver(const Load_Options& options, Load_Engine& engine)
 
 void Close_Driver::prepare()
 {
-    Client_Stream first(target_);
-    if (!first.is_open() || !secure(first) || !first.send_all(request_)) {
-        fail_errno("cannot connect");
+    Client_Stream first;
+    std::string why;
+    if (!first.connect(target_, why) || !secure(first, why)) {
+        fail("%s", why.c_str());
+    }
+    if (!first.send_all(request_)) {
+        fail_errno("the request cannot be sent");
     }
     answer_ = learn_answer(first, true);
 }

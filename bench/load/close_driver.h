@@ -31,8 +31,8 @@ protected:
         std::uint64_t sent_at_ = 0; ///< when the connection was begun
     };
 
-    /// What is to be done on the connection that learns the answer; false where it goes wrong.
-    virtual bool secure(Client_Stream&) { return true; }
+    /// Prepares the connection that learns the answer. False, and why: that went wrong.
+    virtual bool secure(Client_Stream&, std::string&) { return true; }
 
     /// A descriptor has been opened for the slot; it is about to be closed.
     virtual void opened(Slot&) {}

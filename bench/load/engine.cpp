@@ -8,7 +8,8 @@
 
 namespace {
 
-constexpr int SILENCE = 2000;           // milliseconds after which nothing more is waited for
+constexpr int SILENCE = 2000; // milliseconds after which nothing more is waited for
+constexpr std::uint64_t MILLISECOND = 1'000'000;
 constexpr unsigned MAX_FAILURES = 1000; // in a row, before it is given up
 constexpr double NANOSECONDS = 1e9;     // in a second
 constexpr std::uint64_t NO_END = std::numeric_limits<std::uint64_t>::max();
@@ -99,8 +100,13 @@ void Load_Engine::failed(size_t requests)
     }
 }
 
-void Load_Engine::refused()
+void Load_Engine::refused(const std::string& why)
 {
     ++errors_;
-    failed(0);
+    const std::uint64_t begin = now_;
+    // One that took long would be followed by more of its kind.
+    const bool took_long = read_clock() - begin >= SILENCE * MILLISECOND;
+    if (++failures_in_a_row_ >= MAX_FAILURES || took_long) {
+        fail("nothing can be measured: %s", why.c_str());
+    }
 }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <string>
 #include <sys/epoll.h>
 
 class Load_Driver;
@@ -31,7 +32,8 @@ public:
     void change(int fd, std::uint32_t key, std::uint32_t events);
 
     /**
-     * Runs one phase. Ends the program when there is error after error and no answer.
+     * Runs one phase. Ends the program when there is error after error and no answer, or when
+     * connections are lost and no others can be opened.
      *
      * @return false where nothing has come for some seconds; what was outstanding then has been
      *         counted as errors, and the driver is of no further use.
@@ -86,7 +88,7 @@ public:
     void failed(size_t requests);
 
     /// A connection could not be opened, beside those requests.
-    void refused();
+    void refused(const std::string& why);
 
 private:
     static constexpr int MAX_EVENTS = 512;

@@ -9,7 +9,6 @@
 #include "bench/load/tls_client.h"
 #include "bench/load/websocket_driver.h"
 
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <optional>
@@ -32,10 +31,11 @@ public:
     /// Only the descriptor is kept, also of a TLS connection: 20,000 sessions are much memory.
     void open_one()
     {
-        Client_Stream stream(target_);
-        if (!stream.is_open() || (tls_ && !stream.start_tls(*tls_)) ||
-            !(websocket_ ? open_websocket(stream, request_) : ask(stream))) {
-            fail_errno("connection %zu", held_.size() + 1);
+        Client_Stream stream;
+        std::string why;
+        if (!stream.connect(target_, why) || (tls_ && !stream.start_tls(*tls_, why)) ||
+            !(websocket_ ? open_websocket(stream, request_, why) : ask(stream, why))) {
+            fail("connection %zu: %s", held_.size() + 1, why.c_str());
         }
         held_.push_back({stream.release(), POLLRDHUP, 0});
     }
@@ -49,8 +49,9 @@ public:
     size_t size() const { return held_.size(); }
 
 private:
-    bool ask(Client_Stream& stream)
+    bool ask(Client_Stream& stream, std::string& why)
     {
+        why = "no right answer";
         if (!stream.send_all(request_)) {
             return false;
         }
@@ -71,7 +72,6 @@ private:
             }
             have += static_cast<std::uint64_t>(received);
         }
-        errno = EPROTO;
         return have == answer_.length_ && begin.starts_with(answer_.begin_);
     }
 
@@ -98,7 +98,7 @@ int hold_idle_connections(const Load_Options& options)
         connections.open_one();
     }
     std::puts("ready");
-    std::fflush(stdout);
+    static_cast<void>(std::fflush(stdout));
     int signal = 0;
     sigwait(&signals, &signal);
     const size_t closed = connections.count_closed();

@@ -8,8 +8,8 @@
 #include <cerrno>
 #include <unistd.h>
 
-Kept_Driver::Kept_Driver(const Load_Options& options, Load_Engine& engine, std::string request,
-                         size_t receive_buffer)
+Kept_Driver::Kept_Driver(const Load_Options& options, Load_Engine& engine,
+                         const std::string& request, size_t receive_buffer)
     : engine_(engine), target_(options), depth_(options.depth_), request_size_(request.size()),
       buffer_(receive_buffer), connections_(options.connections_)
 {
@@ -22,8 +22,9 @@ Kept_Driver::Kept_Driver(const Load_Options& options, Load_Engine& engine, std::
 void Kept_Driver::prepare()
 {
     for (Connection& connection : connections_) {
-        if (!open(connection)) {
-            fail_errno("cannot connect");
+        std::string why;
+        if (!open(connection, why)) {
+            fail("%s", why.c_str());
         }
     }
 }
@@ -33,10 +34,20 @@ std::uint32_t Kept_Driver::key_of(const Connection& connection) const
     return static_cast<std::uint32_t>(&connection - connections_.data());
 }
 
-bool Kept_Driver::open(Connection& connection)
+bool Kept_Driver::greet(Client_Stream&, std::string&)
 {
-    Client_Stream stream(target_);
-    if (!stream.is_open() || !greet(stream)) {
+    return true;
+}
+
+bool Kept_Driver::open(Client_Stream& stream, std::string& why)
+{
+    return stream.connect(target_, why) && greet(stream, why);
+}
+
+bool Kept_Driver::open(Connection& connection, std::string& why)
+{
+    Client_Stream stream;
+    if (!open(stream, why)) {
         return false;
     }
     connection = Connection();
@@ -137,8 +148,9 @@ void Kept_Driver::lost(Connection& connection)
     closing(connection);
     close(connection.fd_);
     engine_.failed(connection.outstanding_);
-    while (!open(connection)) {
-        engine_.refused();
+    std::string why;
+    while (!open(connection, why)) {
+        engine_.refused(why);
     }
     start(connection);
 }

@@ -24,7 +24,7 @@ public:
      * @param request         sent for each request
      * @param receive_buffer  bytes; one buffer serves all connections
      */
-    Kept_Driver(const Load_Options& options, Load_Engine& engine, std::string request,
+    Kept_Driver(const Load_Options& options, Load_Engine& engine, const std::string& request,
                 size_t receive_buffer);
 
     void prepare() override;
@@ -42,8 +42,11 @@ protected:
         std::uint64_t sent_at_ = 0;
     };
 
-    /// What is to be said on a new connection before requests; false where that goes wrong.
-    virtual bool greet(Client_Stream&) { return true; }
+    /// Does what comes before requests on a new connection. False, and `why`: that went wrong.
+    virtual bool greet(Client_Stream& stream, std::string& why);
+
+    /// Connects and greets.
+    bool open(Client_Stream& stream, std::string& why);
 
     /// A connection has been opened by the stream, again or for the first time.
     virtual void opened(Connection&, Client_Stream&) {}
@@ -76,7 +79,7 @@ private:
     void send_rest(Connection& connection);
     void receive(Connection& connection);
     void lost(Connection& connection);
-    bool open(Connection& connection);
+    bool open(Connection& connection, std::string& why);
 
     Load_Engine& engine_;
     Target target_;

@@ -4,6 +4,7 @@
 #include "bench/common/fail.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -62,13 +63,13 @@ std::string contents_of(const char* path)
 bool take_target(Load_Options& options, std::string_view name, Arguments& arguments)
 {
     if (name == "--port") {
-        options.port_ = static_cast<int>(arguments.number(1) & 0xffff);
+        options.port_ = static_cast<int>(arguments.number(1, 65535));
     } else if (name == "--unix") {
         options.unix_path_ = arguments.text();
     } else if (name == "--connections") {
         options.connections_ = arguments.number(1);
     } else if (name == "--server-pid") {
-        options.server_pids_.push_back(static_cast<pid_t>(arguments.number(1)));
+        options.server_pids_.push_back(static_cast<pid_t>(arguments.number(1, INT_MAX)));
     } else {
         return false;
     }

@@ -10,8 +10,8 @@
 
 namespace {
 
-constexpr size_t RECEIVE_BUFFER = 256 * 1024;
-constexpr std::uint64_t LARGE_ANSWER = 32 * 1024;
+constexpr size_t RECEIVE_BUFFER = 0x40000;
+constexpr std::uint64_t LARGE_ANSWER = 0x8000;
 
 } // namespace
 
@@ -23,9 +23,13 @@ Request_Driver::Request_Driver(const Load_Options& options, Load_Engine& engine)
 
 void Request_Driver::prepare()
 {
-    Client_Stream first(target());
-    if (!first.is_open() || !greet(first) || !first.send_all(request_)) {
-        fail_errno("cannot connect");
+    Client_Stream first;
+    std::string why;
+    if (!open(first, why)) {
+        fail("%s", why.c_str());
+    }
+    if (!first.send_all(request_)) {
+        fail_errno("the request cannot be sent");
     }
     answer_ = learn_answer(first, false);
     answer_length_ = answer_.length_;

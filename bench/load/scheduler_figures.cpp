@@ -20,7 +20,7 @@ bool read_schedstat(const std::string& path, std::uint64_t& nanoseconds)
     }
     char line[128];
     const bool read = std::fgets(line, sizeof line, file) != nullptr;
-    std::fclose(file);
+    static_cast<void>(std::fclose(file));
     if (read) {
         nanoseconds = std::strtoull(line, nullptr, 10);
     }

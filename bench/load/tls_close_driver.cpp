@@ -8,9 +8,9 @@ Tls_Close_Driver::Tls_Close_Driver(const Load_Options& options, Load_Engine& eng
 {
 }
 
-bool Tls_Close_Driver::secure(Client_Stream& stream)
+bool Tls_Close_Driver::secure(Client_Stream& stream, std::string& why)
 {
-    return stream.start_tls(client_);
+    return stream.start_tls(client_, why);
 }
 
 void Tls_Close_Driver::opened(Slot& slot)

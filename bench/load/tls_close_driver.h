@@ -11,7 +11,7 @@ public:
     Tls_Close_Driver(const Load_Options& options, Load_Engine& engine);
 
 protected:
-    bool secure(Client_Stream& stream) override;
+    bool secure(Client_Stream& stream, std::string& why) override;
     void opened(Slot& slot) override;
     void closing(Slot& slot) override;
     int try_send(Slot& slot, const std::string& request) override;

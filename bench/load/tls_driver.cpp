@@ -8,9 +8,9 @@ Tls_Driver::Tls_Driver(const Load_Options& options, Load_Engine& engine)
 {
 }
 
-bool Tls_Driver::greet(Client_Stream& stream)
+bool Tls_Driver::greet(Client_Stream& stream, std::string& why)
 {
-    return stream.start_tls(client_);
+    return stream.start_tls(client_, why);
 }
 
 void Tls_Driver::opened(Connection& connection, Client_Stream& stream)

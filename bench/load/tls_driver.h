@@ -12,7 +12,7 @@ public:
 
 protected:
     bool can_drop() const override { return false; }
-    bool greet(Client_Stream& stream) override;
+    bool greet(Client_Stream& stream, std::string& why) override;
     void opened(Connection& connection, Client_Stream& stream) override;
     void closing(Connection& connection) override;
     ssize_t send_some(Connection& connection, const char* data, size_t size) override;

@@ -1,17 +1,13 @@
 #include "bench/load/websocket_driver.h"
 
-#include "bench/common/fail.h"
 #include "bench/load/client_stream.h"
 #include "bench/load/engine.h"
 #include "bench/load/options.h"
 #include "bench/load/request.h"
 
-#include <cerrno>
-#include <cstring>
-
 namespace {
 
-constexpr size_t RECEIVE_BUFFER = 256 * 1024;
+constexpr size_t RECEIVE_BUFFER = 0x40000;
 
 /// Bytes in which a shift or a wrong key shows.
 std::string make_payload(size_t size)
@@ -29,28 +25,20 @@ std::string make_payload(size_t size)
 
 } // namespace
 
-bool open_websocket(Client_Stream& stream, const std::string& upgrade)
+bool open_websocket(Client_Stream& stream, const std::string& upgrade, std::string& why)
 {
     // The answer to the key of the example in RFC 6455, section 1.3.
     constexpr const char* ACCEPT = "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=";
-    if (!stream.send_all(upgrade)) {
-        return false;
-    }
     std::string answer;
     // One by one: a server may send a frame right behind its answer.
     char byte = 0;
-    while (!answer.ends_with("\r\n\r\n")) {
-        if (stream.receive(&byte, 1) <= 0) {
-            warn("the server does not answer the upgrade");
-            errno = ECONNABORTED;
-            return false;
-        }
-        answer += byte;
+    bool open = stream.send_all(upgrade);
+    while (open && !answer.ends_with("\r\n\r\n")) {
+        open = stream.receive(&byte, 1) == 1;
+        answer.append(&byte, open ? 1 : 0);
     }
     if (!answer.starts_with("HTTP/1.1 101") || answer.find(ACCEPT) == std::string::npos) {
-        warn("the server answers the upgrade with \"%s\"",
-             answer.substr(0, answer.find('\r')).c_str());
-        errno = ECONNABORTED;
+        why = "the server answers the upgrade with \"" + answer.substr(0, answer.find('\r')) + '"';
         return false;
     }
     return true;
@@ -63,9 +51,9 @@ Websocket_Driver::Websocket_Driver(const Load_Options& options, Load_Engine& eng
 {
 }
 
-bool Websocket_Driver::greet(Client_Stream& stream)
+bool Websocket_Driver::greet(Client_Stream& stream, std::string& why)
 {
-    return open_websocket(stream, upgrade_);
+    return open_websocket(stream, upgrade_, why);
 }
 
 void Websocket_Driver::opened(Connection& connection, Client_Stream&)

@@ -11,7 +11,7 @@ public:
     Websocket_Driver(const Load_Options& options, Load_Engine& engine);
 
 protected:
-    bool greet(Client_Stream& stream) override;
+    bool greet(Client_Stream& stream, std::string& why) override;
     void opened(Connection& connection, Client_Stream& stream) override;
     bool take_answers(Connection& connection, const char* data, size_t size) override;
 
@@ -21,5 +21,5 @@ private:
     std::vector<Echo_Reader> readers_;
 };
 
-/// Sends the request for an upgrade and takes its answer. False, with a warning: it is refused.
-bool open_websocket(Client_Stream& stream, const std::string& upgrade);
+/// Sends the request for an upgrade and takes its answer. False, and why: there will be none.
+bool open_websocket(Client_Stream& stream, const std::string& upgrade, std::string& why);
