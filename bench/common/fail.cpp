@@ -11,6 +11,7 @@ namespace {
 void print(const char* format, va_list arguments, int error)
 {
     std::fprintf(stderr, "%s: ", program_invocation_short_name);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): every caller has begun the list
     std::vfprintf(stderr, format, arguments);
     if (error != 0) {
         std::fprintf(stderr, ": %s", std::strerror(error));
