@@ -7,7 +7,7 @@ import socket
 import string
 import subprocess
 import time
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 
 from ruler.processes import Failure, descendants, read_tail
 from ruler.setup import Missing
@@ -38,7 +38,6 @@ class Contender:
 
     name: str
     launch: object
-    versions: list = field(default_factory=list)
 
 
 class Server:
@@ -106,15 +105,23 @@ def can_connect(launch):
     return client is not None
 
 
-def ceiling(kind, *options, name=CEILING, unix=False, tls=False):
+def request_bytes(setup, words):
+    """How long a request is that the generator sends for these words."""
+    return len(subprocess.run([setup.program("bench_load"), *words, "--print-request"], check=True,
+                              stdin=subprocess.DEVNULL, capture_output=True, timeout=10).stdout)
+
+
+def ceiling(kind, *options, name=CEILING, unix=False, tls=False, request=None):
+    """A bare server. request: the generator's words for the requests whose length it must know."""
     def launch(setup):
         argv = [setup.program("bench_ceiling"), kind]
         port, path = (0, setup.new_name("socket")) if unix else (setup.new_port(), "")
         argv += ["--unix", path] if unix else ["--port", str(port)]
         if tls:
             argv += ["--cert", setup.certificate, "--key", setup.key]
-        # Of a file by its name below the served directory.
         argv += [word.replace("@www", setup.www) for word in options]
+        if request is not None:
+            argv += ["--request-bytes", str(request_bytes(setup, request))]
         return Launch(argv, port, path, says_ready=True)
     return Contender(name, launch)
 

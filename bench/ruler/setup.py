@@ -33,6 +33,7 @@ class Setup:
         self.server_cores = {server_core}
         self.load_cores = {load_core}
         self.all_cores = {server_core, load_core}
+        os.sched_setaffinity(0, self.load_cores)  # the runner itself stays off the servers' core
         self.www = os.path.join(directory, "www")
         self.certificate = os.path.join(directory, "certificate.pem")
         self.key = os.path.join(directory, "private-key.pem")
