@@ -44,8 +44,8 @@ class Goal:
 
     def judge(self, spread):
         """A record of how the measured spread stands to the goal; None: not measured."""
-        record = {"goal": self.text(), "kind": self.kind, "against": self.against,
-                  "limit": self.limit, "measured": None, "verdict": "not measured"}
+        record = {"goal": self.text(), "kind": self.kind, "contender": self.contender,
+                  "against": self.against, "limit": self.limit, "measured": None, "verdict": "not measured"}
         if spread is None:
             return record
         record["measured"] = spread.median

@@ -22,12 +22,21 @@ def times(spread):
     return "-" if spread is None else f"{spread['median']:.2f}"
 
 
-def _bound(row):
-    """Says when throughput tells about the generator rather than the server."""
-    if row["server_share"] is None or row["load_share"] is None:
+def _bound(row, result):
+    """A mark where throughput tells about something else than the server."""
+    used, own = row["server_share"], row["load_share"]
+    if result["same_core"] or used is None or own is None or used >= LIMIT_SHARE:
         return ""
-    return " *" if row["server_share"] < LIMIT_SHARE and row["load_share"] > row["server_share"] \
-        else ""
+    return " *" if own >= LIMIT_SHARE else " ~"
+
+
+def _marks(rows, escape=""):
+    """What the marks of a table's rows mean."""
+    used = {row[-1][-1] for row in rows}
+    meanings = {"*": "the generator was the limit, not the server",
+                "~": "neither the server nor the generator was busy all the time"}
+    return [f"{escape}{mark} {text}: throughput says little there, CPU holds"
+            for mark, text in meanings.items() if mark in used]
 
 
 def _rounds_table(result):
@@ -43,7 +52,7 @@ def _rounds_table(result):
                      times(row["cpu_to_nginx"]), times(row["throughput_ratio"]),
                      f"{row['requests_per_second']:,.0f}", short(row["p50_us"]),
                      short(row["p99_us"]), share(row["server_share"]),
-                     share(row["load_share"]) + _bound(row)])
+                     share(row["load_share"]) + _bound(row, result)])
     return heads, rows
 
 
@@ -91,9 +100,7 @@ def as_text(result):
     lines = ["", f"{result['workload']}: {result['title']}"]
     heads, rows = _table(result)
     lines += table(heads, rows) if rows else ["  nothing was measured"]
-    if any(cell.endswith("*") for row in rows for cell in row):
-        lines.append("  * the generator was the limit: throughput says little, CPU holds")
-    notes = [_goal_line(goal) for goal in result["goals"]]
+    notes = _marks(rows) + [_goal_line(goal) for goal in result["goals"]]
     if _wrk_line(result):
         notes.append(_wrk_line(result))
     lines += [f"  {note}" for note in notes + _left_out(result)]
@@ -128,16 +135,14 @@ def as_markdown(results, description, options, check):
     for result in results:
         heads, rows = _table(result)
         lines += ["", f"## {result['workload']}: {result['title']}", ""]
-        lines += _markdown_table(heads, [[cell.replace(" *", " \\*") if isinstance(cell, str)
-                                          else cell for cell in row] for row in rows])
-        notes = [_goal_line(goal) for goal in result["goals"]]
+        lines += _markdown_table(heads, [[cell.replace(" *", " \\*").replace(" ~", " \\~")
+                                          for cell in row] for row in rows])
+        notes = _marks(rows, "\\") + [_goal_line(goal) for goal in result["goals"]]
         if _wrk_line(result):
             notes.append(_wrk_line(result))
         notes += _left_out(result)
         if notes:
             lines += ["", *(f"- {note}" for note in notes)]
-    lines += ["", "\\* The generator used more of its core than the server of its own, which was "
-              "below 90 %: throughput says little there, CPU per request holds."]
     return "\n".join(lines) + "\n"
 
 

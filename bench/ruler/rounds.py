@@ -2,7 +2,7 @@
 
 from dataclasses import dataclass, field
 
-from ruler.figures import Spread
+from ruler.figures import Spread, short
 from ruler.load import Holder, finish_load, run_load, run_wrk, start_load
 from ruler.processes import Failure
 from ruler.servers import CEILING, Server
@@ -156,12 +156,13 @@ class _Block:
     def _progress(self, number):
         parts = []
         for name, results in self.slices.items():
-            ratio = _ratio(results, self.slices.get(self.workload.base_of(name), {}), number,
-                           cpu_per_request)
-            if ratio is not None and name != self.workload.base_of(name):
+            base = self.workload.base_of(name)
+            ratio = _ratio(results, self.slices.get(base, {}), number, cpu_per_request)
+            if ratio is not None and name != base:
                 parts.append(f"{name} {ratio:.2f}")
-        return (f"  {self.workload.key} {number + 1}/{self.options.rounds}"
-                f"  x {self.workload.against}: {', '.join(parts)}")
+            elif number in results:
+                parts.append(f"{name} {short(cpu_per_request(results[number]))} us")
+        return f"  {self.workload.key} {number + 1}/{self.options.rounds}  {', '.join(parts)}"
 
     def _result(self):
         rows = [self._row(name) for name, results in self.slices.items() if results]
@@ -170,7 +171,8 @@ class _Block:
             figure = cpu_per_request if goal.kind == "cpu" else rate
             goals.append(goal.judge(self._spread(goal.contender, goal.against, figure)))
         return {"workload": self.workload.key, "title": self.workload.title, "kind": "rounds",
-                "per": self.workload.per, "against": self.workload.against, "rows": rows,
+                "per": self.workload.per, "against": self.workload.against,
+                "same_core": self.workload.same_core, "rows": rows,
                 "goals": goals, "failures": self.failures, "wrk": self.wrk,
                 "slices": {name: list(results.values()) for name, results in self.slices.items()}}
 

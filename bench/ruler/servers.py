@@ -153,19 +153,19 @@ def ours(*options, name=OURS, unix=False, tls=False, thread=False, loops=1, log=
 
 
 def nginx(name="nginx", unix=False, tls=False, workers=1, log=False, connections=1024,
-          file_cache=False, master=True):
+          sendfile=True, file_cache=False, master=True):
     def launch(setup):
         program = setup.peer_program("nginx")
         directory = setup.new_directory("nginx")
         port, path = (0, os.path.join(directory, "socket")) if unix else (setup.new_port(), "")
         listen = f"unix:{path}" if unix else f"127.0.0.1:{port}{' ssl' if tls else ''}"
-        cache = "open_file_cache max=1000 inactive=60s;\n    tcp_nopush on;"
+        cache = "open_file_cache max=1000 inactive=60s;"
         text = string.Template(setup.template("nginx.conf.in")).substitute(
             user="user root;" if os.geteuid() == 0 else "",
             master="on" if master else "off",
             workers=workers, directory=directory, connections=connections,
             access_log=os.path.join(directory, "access.log") if log else "off",
-            file_cache=cache if file_cache else "",
+            sendfile="on; tcp_nopush on" if sendfile else "off", file_cache=cache if file_cache else "",
             certificate=setup.certificate, key=setup.key,
             listen=f"listen {listen};", root=setup.www)
         return Launch([program, "-e", "stderr", "-p", directory, "-c",

@@ -53,10 +53,13 @@ def get_workloads():
 
 
 def file_workloads():
+    """The goals refer to nginx with its built-in defaults, which copy; with sendfile, and with its
+    cache of open files as well, it takes part beside that."""
     def files(key, title, name, connections, limit):
         return Rounds(key, title, ["get", "--path", f"/files/{name}", "--connections", connections],
-                      [ceiling("file", "--file", f"@www/files/{name}"), ours(), nginx(),
-                       nginx("nginx cache", file_cache=True), lighttpd(), h2o(),
+                      [ceiling("file", "--file", f"@www/files/{name}"), ours(),
+                       nginx(sendfile=False), nginx("nginx sendfile"),
+                       nginx("nginx sendfile, cache", file_cache=True), lighttpd(), h2o(),
                        peer("microhttpd", "--files", "@www")], [cpu(limit, "nginx")])
     return [
         files("file-1k", "File of 1 KiB, 64 connections", "1k.bin", "64", 0.50),
