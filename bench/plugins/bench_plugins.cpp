@@ -50,7 +50,8 @@ public:
     int handle_body(HTTP_IO& io, const void* data, size_t length) override
     {
         received_ += length;
-        const bool complete = chunked_ ? data == nullptr : received_ >= io.request().content_length();
+        const bool complete =
+            chunked_ ? data == nullptr : received_ >= io.request().content_length();
         return complete ? answer(io) : 0;
     }
 

@@ -3,6 +3,8 @@ reader's light or dark theme."""
 
 from html import escape
 
+from ruler.servers import OURS
+
 WIDTH = 860
 NAMES = 150      # room for the contenders' names
 RIGHT = 60       # room for a figure behind the longest bar
@@ -16,8 +18,8 @@ FULL = 3.0       # the ratio at which bars end; longer ones are cut
 STYLE = """
 text { font: 12px system-ui, "Segoe UI", "DejaVu Sans", sans-serif; fill: #24292f; }
 .title { font-size: 17px; font-weight: 600; }
-.group { font-weight: 600; }
-.small { font-size: 11px; fill: #57606a; }
+.group { font-weight: 600; paint-order: stroke; stroke: #ffffff; stroke-width: 6px; }
+.small { font-weight: 400; font-size: 11px; fill: #57606a; }
 .paper { fill: #ffffff; }
 .grid { stroke: #d0d7de; stroke-width: 1; }
 .one { stroke: #57606a; stroke-width: 1; }
@@ -28,6 +30,7 @@ text { font: 12px system-ui, "Segoe UI", "DejaVu Sans", sans-serif; fill: #24292
 .spread { stroke: #24292f; stroke-width: 1; }
 @media (prefers-color-scheme: dark) {
   text { fill: #e6edf3; }
+  .group { stroke: #0d1117; }
   .small { fill: #9198a1; }
   .paper { fill: #0d1117; }
   .grid { stroke: #30363d; }
@@ -44,7 +47,8 @@ text { font: 12px system-ui, "Segoe UI", "DejaVu Sans", sans-serif; fill: #24292
 def draw(results, caption):
     """results: those of workloads in rounds; others are passed over. Returns the SVG's text."""
     groups = [result for result in results
-              if result["kind"] == "rounds" and any(row["cpu_ratio"] for row in result["rows"])]
+              if result["kind"] == "rounds" and not result.get("by_throughput")
+              and any(row["cpu_ratio"] for row in result["rows"])]
     body = []
     y = TOP
     for result in groups:
@@ -76,19 +80,14 @@ def _x(ratio):
 def _group(body, result, y):
     body.append(f'<text class="group" x="16" y="{y + 16}">{escape(result["workload"])}'
                 f'<tspan class="small" dx="8">{escape(result["title"])}; '
-                f'1 = {escape(_base(result))}</tspan></text>')
+                f'1 = {escape(result["base_text"])}</tspan></text>')
     y += GROUP_HEAD - 14
-    goals = {goal_row: limit for goal_row, limit in _goals(result)}
+    goals = dict(_goals(result))
     for row in result["rows"]:
         if row["cpu_ratio"] is not None:
             _bar(body, row, y, goals.get(row["contender"]))
             y += STEP
     return y + GROUP_GAP
-
-
-def _base(result):
-    bases = {row["against"] for row in result["rows"]}
-    return result["against"] if len(bases) == 1 else "the same server without"
 
 
 def _goals(result):
@@ -98,15 +97,16 @@ def _goals(result):
         if goal["kind"] != "cpu":
             continue
         base = ratios.get(goal["against"])
-        if base is not None and goal["limit"] != 1.0:
+        first = goal is result["goals"][0]  # further ones are about single peers
+        if base is not None and first:
             yield goal["contender"], goal["limit"] * base["median"]
 
 
 def _bar(body, row, y, goal):
     spread = row["cpu_ratio"]
     name, ratio = row["contender"], spread["median"]
-    kind = "ours" if name.startswith("httpd") else \
-        "base" if name == row["against"] else "peer"
+    kind = "base" if name == row["against"] else \
+        "ours" if name.startswith(OURS) else "peer"
     x = _x(ratio)
     body.append(f'<text x="{NAMES - 8}" y="{y + 11}" text-anchor="end">{escape(name)}</text>')
     body.append(f'<rect class="{kind}" x="{NAMES}" y="{y}" width="{max(x - NAMES, 1):.1f}" '

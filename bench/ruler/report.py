@@ -15,6 +15,8 @@ def share(value):
 def with_quartiles(spread):
     if spread is None:
         return "-"
+    if spread["first"] == spread["third"]:
+        return times(spread)
     return f"{spread['median']:.2f} ({spread['first']:.2f}-{spread['third']:.2f})"
 
 
@@ -25,7 +27,7 @@ def times(spread):
 def _bound(row, result):
     """A mark where throughput tells about something else than the server."""
     used, own = row["server_share"], row["load_share"]
-    if result["same_core"] or used is None or own is None or used >= LIMIT_SHARE:
+    if result["shared_cores"] or used is None or own is None or used >= LIMIT_SHARE:
         return ""
     return " *" if own >= LIMIT_SHARE else " ~"
 
@@ -40,16 +42,18 @@ def _marks(rows, escape=""):
 
 
 def _rounds_table(result):
-    same = all(row["against"] == result["against"] for row in result["rows"])
-    relation = f"x {result['against']}" if same else "to its base"
+    relation = f"x {result['base_text']}"
     per = result["per"]
-    heads = ["", f"CPU us/{per}", f"CPU {relation} (quartiles)", "CPU x nginx",
+    with_nginx = result["against"] != "nginx" and any(row["cpu_to_nginx"]
+                                                      for row in result["rows"])
+    heads = ["", f"CPU us/{per}", f"CPU {relation}", *(["CPU x nginx"] if with_nginx else []),
              f"throughput {relation}", f"{per}s/s", "p50 us", "p99 us",
              "core: server", "generator"]
     rows = []
     for row in result["rows"]:
         rows.append([row["contender"], short(row["cpu_us"]), with_quartiles(row["cpu_ratio"]),
-                     times(row["cpu_to_nginx"]), times(row["throughput_ratio"]),
+                     *([times(row["cpu_to_nginx"])] if with_nginx else []),
+                     with_quartiles(row["throughput_ratio"]),
                      f"{row['requests_per_second']:,.0f}", short(row["p50_us"]),
                      short(row["p99_us"]), share(row["server_share"]),
                      share(row["load_share"]) + _bound(row, result)])

@@ -29,6 +29,7 @@ class Rounds:
     both_cores: bool = False   # server on both, one generator on each
     wrk_path: str = ""         # also asks wrk, once per contender
     per: str = "request"
+    base_text: str = ""        # what the ratios refer to, where that is not one contender
 
     def base_of(self, name):
         return self.pairs.get(name, self.against)
@@ -172,7 +173,8 @@ class _Block:
             goals.append(goal.judge(self._spread(goal.contender, goal.against, figure)))
         return {"workload": self.workload.key, "title": self.workload.title, "kind": "rounds",
                 "per": self.workload.per, "against": self.workload.against,
-                "same_core": self.workload.same_core, "rows": rows,
+                "base_text": self.workload.base_text or self.workload.against,
+                "shared_cores": self.workload.same_core or self.workload.both_cores, "rows": rows,
                 "goals": goals, "failures": self.failures, "wrk": self.wrk,
                 "slices": {name: list(results.values()) for name, results in self.slices.items()}}
 

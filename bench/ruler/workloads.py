@@ -1,7 +1,7 @@
 """All workloads: who takes part, how the load is made, and what is to be reached."""
 
 from ruler.counts import Column, Counts, Start, idle_bytes, instructions, system_calls
-from ruler.figures import Goal
+from ruler.figures import Goal, Spread
 from ruler.load import request_file
 from ruler.rounds import Rounds
 from ruler.servers import CEILING, OURS, ceiling, h2o, lighttpd, nginx, ours, peer
@@ -133,12 +133,14 @@ def other_rounds():
                [ours(), ours(name="httpd with log", log=True), nginx(),
                 nginx("nginx with log", log=True)],
                [Goal("cpu", 1.20, OURS, contender="httpd with log")],
-               against=OURS, pairs={"nginx with log": "nginx", "nginx": "nginx"}),
+               against=OURS, pairs={"nginx with log": "nginx", "nginx": "nginx"},
+               base_text="without log"),
         Scale("scale-2", "GET with 2 loops on 2 cores to 1 loop, a generator on both cores",
               [*GET, "--connections", "32"],
               [ours(), ours(name="httpd 2 loops", loops=2), nginx(),
                nginx("nginx 2 workers", workers=2)], [],
-              against=OURS, pairs={"nginx 2 workers": "nginx", "nginx": "nginx"}, both_cores=True),
+              against=OURS, pairs={"nginx 2 workers": "nginx", "nginx": "nginx"},
+              base_text="1 loop", both_cores=True),
     ]
 
 
@@ -147,12 +149,12 @@ class Scale(Rounds):
 
     def measure(self, setup, options, say):
         result = super().measure(setup, options, say)
+        result["by_throughput"] = True
         gains = {row["contender"]: row["throughput_ratio"] for row in result["rows"]}
         mine, other = gains.get("httpd 2 loops"), gains.get("nginx 2 workers")
         limit = other["median"] if other else 1.0
         goal = Goal("value", limit, column="throughput of 2 loops to 1 (nginx's gain is the limit)",
                     at_least=True)
-        from ruler.figures import Spread
         result["goals"] = [goal.judge(Spread(**mine) if mine and other else None)]
         return result
 
