@@ -7,6 +7,7 @@ import subprocess
 import time
 
 STOP_SECONDS = 5.0
+SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 
 
 class Failure(Exception):
@@ -40,12 +41,13 @@ class Processes:
         self._interrupted = False
 
     def handle_signals(self):
-        signal.signal(signal.SIGINT, self._on_signal)
-        signal.signal(signal.SIGTERM, self._on_signal)
-        signal.signal(signal.SIGHUP, self._on_signal)
+        for number in SIGNALS:
+            signal.signal(number, self._on_signal)
 
     def _on_signal(self, _number, _frame):
         self._interrupted = True
+        for number in SIGNALS:  # a second one must not interrupt the ending of the children
+            signal.signal(number, signal.SIG_IGN)
         if not self._starting:  # else start() raises, once the child is known
             raise KeyboardInterrupt
 
