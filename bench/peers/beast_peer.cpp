@@ -14,6 +14,7 @@
 
 #include <array>
 #include <cstddef>
+#include <ctime>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -30,6 +31,22 @@ using Executor = asio::io_context::executor_type;
 using Socket = asio::basic_stream_socket<asio::ip::tcp, Executor>;
 using Acceptor = asio::basic_socket_acceptor<asio::ip::tcp, Executor>;
 using Error = beast::error_code;
+
+/// The Date field's value, written once a second.
+boost::string_view date_now()
+{
+    static std::time_t written = 0;
+    static char text[32];
+    static size_t length = 0;
+    const std::time_t now = std::time(nullptr);
+    if (now != written) {
+        std::tm parts;
+        length =
+            std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", ::gmtime_r(&now, &parts));
+        written = now;
+    }
+    return {text, length};
+}
 
 class Echo_Session : public std::enable_shared_from_this<Echo_Session> {
 public:
@@ -126,6 +143,7 @@ private:
         response_.version(11);
         response_.result(http::status::ok);
         response_.set(http::field::content_type, PEER_TYPE);
+        response_.set(http::field::date, date_now());
         response_.keep_alive(keep);
         response_.body() = {PEER_TEXT.data(), PEER_TEXT.size()};
         response_.prepare_payload();

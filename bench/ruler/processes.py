@@ -6,7 +6,7 @@ import signal
 import subprocess
 import time
 
-STOP_SECONDS = 5.0
+STOP_SECONDS = 2.0  # h2o waits for its connections to end
 SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 
 
