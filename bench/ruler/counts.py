@@ -121,7 +121,7 @@ def idle_bytes(connections, words, warm):
     """Resident bytes per idle connection. warm: a load that runs before, so that what is made once
     is not counted."""
     def measure(setup, options, contender):
-        count = min(options.idle(connections), setup.descriptors - 1000)
+        count = options.idle(connections)
         server = Server(setup, contender)
         try:
             run_load(setup, [*warm, "--connections", "8", "--requests", "800"], server)

@@ -13,7 +13,7 @@ from ruler.processes import Failure, Processes
 from ruler.rounds import load_share, server_share
 from ruler.servers import OURS, Server, ceiling, nginx
 from ruler.setup import REPOSITORY, Setup
-from ruler.workloads import GET, all_workloads
+from ruler.workloads import GET, MANY, all_workloads
 
 
 @dataclass
@@ -24,11 +24,10 @@ class Options:
     slice: float
     warm_up: float
     wrk_seconds: int
-    quick: bool
+    idle_limit: int  # connections that may be held at once
 
     def idle(self, connections):
-        """How many connections are to be held: fewer when it is only to be seen that all works."""
-        return min(connections, 2000) if self.quick else connections
+        return min(connections, self.idle_limit)
 
 
 def parse(argv):
@@ -110,7 +109,7 @@ def write_results(directory, results, description, options, check):
                "red: goal")
     for name, text in (
             ("performance.json", report.as_json(results, description, options, check)),
-            ("performance.md", report.as_markdown(results, description, options, check)),
+            ("performance-figures.md", report.as_markdown(results, description, options, check)),
             ("performance.svg", picture.draw(results, caption))):
         path = os.path.join(directory, name)
         with open(path + ".new", "w", encoding="utf-8") as file:
@@ -124,12 +123,15 @@ def ours_failed(results):
 
 
 def run(workloads, arguments, setup):
+    idle_limit = min(setup.descriptors - 500, 2000 if arguments.quick else MANY)
     options = Options(arguments.rounds, arguments.slice, arguments.warm_up,
-                      1 if arguments.quick else 2, arguments.quick)
+                      1 if arguments.quick else 2, idle_limit)
     description = machine.describe(setup)
     for line in machine.lines(description):
         say(line)
     check = check_generator(setup, options)
+    if idle_limit < MANY:
+        check.append(f"no more than {idle_limit:,} idle connections in this run")
     for line in check:
         say(line)
     results = []
@@ -141,7 +143,8 @@ def run(workloads, arguments, setup):
             say(line)
         write_results(arguments.out, results, description, options, check)
     say("\n".join(report.summary(results)))
-    say(f"\nWritten: {arguments.out}/performance.json, .md, .svg")
+    say(f"\nWritten to {arguments.out}: performance.json, performance-figures.md, "
+        "performance.svg")
     return 1 if ours_failed(results) else 0
 
 

@@ -128,7 +128,9 @@ def _markdown_table(heads, rows):
 
 
 def as_markdown(results, description, options, check):
-    lines = ["## Machine and run", ""]
+    lines = ["# Figures of one run of `make bench`", "",
+             "What they are and how they came about: [performance.md](performance.md).", "",
+             "## Machine and run", ""]
     lines += [f"- {line}" for line in machine.lines(description)]
     lines += [f"- {options.rounds} rounds, slices of {options.slice} s behind {options.warm_up} s "
               "of warm-up", *(f"- {line}" for line in check), "", "## Goals", ""]
@@ -151,5 +153,5 @@ def as_markdown(results, description, options, check):
 
 
 def as_json(results, description, options, check):
-    return json.dumps({"machine": description, "options": vars(options), "generator_check": check,
+    return json.dumps({"machine": description, "options": vars(options), "notes": check,
                        "results": results}, indent=1) + "\n"

@@ -198,7 +198,7 @@ def lighttpd(name="lighttpd", tls=False, connections=4096):
         ssl = ('server.modules = ( "mod_openssl" )\nssl.engine = "enable"\n'
                f'ssl.pemfile = "{setup.certificate}"\nssl.privkey = "{setup.key}"\n')
         text = string.Template(setup.template("lighttpd.conf.in")).substitute(
-            root=setup.www, port=port, connections=connections, descriptors=setup.descriptors,
+            root=setup.www, port=port, connections=connections, descriptors=min(setup.descriptors, 65535),
             tls=ssl if tls else "")
         return Launch([program, "-D", "-m", modules, "-f",
                        setup.write("lighttpd.conf", text)], port)
