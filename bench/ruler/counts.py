@@ -4,7 +4,7 @@ answer. They repeat exactly, or nearly so; each contender is measured by itself.
 import os
 import re
 import time
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 
 from ruler.figures import Spread, short
 from ruler.load import Holder, run_load
@@ -15,11 +15,21 @@ from ruler.setup import Missing
 
 @dataclass
 class Column:
-    """One figure. measure(setup, options, contender, say) gives it; only the contenders named."""
+    """One figure. measure(setup, options, contender) gives it for each of the contenders.
+
+    connections: how many are to be held idle, which the title names; where only fewer can be, the
+    report's title names those.
+    """
 
     title: str
     measure: object
     contenders: list
+    connections: int = 0
+
+    def title_in(self, options):
+        return self.title.replace(f"{self.connections:,}",
+                                  f"{options.idle(self.connections):,}") \
+            if self.connections else self.title
 
 
 @dataclass
@@ -33,7 +43,9 @@ class Counts:
 
     def measure(self, setup, options, say):
         cells, failures, names = {}, [], []
+        titles = {column.title: column.title_in(options) for column in self.columns}
         for column in self.columns:
+            title = titles[column.title]
             for contender in column.contenders:
                 if contender.name not in names:
                     names.append(contender.name)
@@ -42,19 +54,20 @@ class Counts:
                 except Failure as reason:
                     missing = isinstance(reason, Missing)
                     failures.append({"contender": contender.name, "missing": missing,
-                                     "reason": f"{column.title}: {reason}"})
-                    say(f"    {contender.name} is left out, {column.title}: {reason}")
+                                     "reason": f"{title}: {reason}"})
+                    say(f"    {contender.name} is left out, {title}: {reason}")
                     continue
-                cells[contender.name, column.title] = spread
-                say(f"  {self.key}  {column.title}: {contender.name} {short(spread.median)}")
-        titles = [column.title for column in self.columns]
+                cells[contender.name, title] = spread
+                say(f"  {self.key}  {title}: {contender.name} {short(spread.median)}")
+        columns = list(dict.fromkeys(titles.values()))
         rows = [{"contender": name,
-                 "values": {title: vars(cells[name, title]) for title in titles
+                 "values": {title: vars(cells[name, title]) for title in columns
                             if (name, title) in cells}}
                 for name in names]
-        goals = [goal.judge(cells.get((goal.contender, goal.column))) for goal in self.goals]
-        return {"workload": self.key, "title": self.title, "kind": "counts", "columns": titles,
-                "rows": rows, "goals": goals, "failures": failures}
+        goals = [replace(goal, column=titles[goal.column]) for goal in self.goals]
+        verdicts = [goal.judge(cells.get((goal.contender, goal.column))) for goal in goals]
+        return {"workload": self.key, "title": self.title, "kind": "counts", "columns": columns,
+                "rows": rows, "goals": verdicts, "failures": failures}
 
 
 def exactly(value):
@@ -121,7 +134,7 @@ def idle_bytes(connections, words, warm):
     """Resident bytes per idle connection. warm: a load that runs before, so that what is made once
     is not counted."""
     def measure(setup, options, contender):
-        count = options.idle(connections)
+        count = min(options.idle(connections), int(setup.descriptors * contender.idle_share))
         server = Server(setup, contender)
         try:
             run_load(setup, [*warm, "--connections", "8", "--requests", "800"], server)

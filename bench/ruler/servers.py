@@ -34,10 +34,14 @@ class Launch:
 
 @dataclass
 class Contender:
-    """One row of a workload. launch(setup) gives its Launch, or raises Missing."""
+    """One row of a workload. launch(setup) gives its Launch, or raises Missing.
+
+    idle_share: how many connections it can hold, as a part of its descriptors.
+    """
 
     name: str
     launch: object
+    idle_share: float = 1.0
 
 
 class Server:
@@ -202,7 +206,8 @@ def lighttpd(name="lighttpd", tls=False, connections=4096):
             tls=ssl if tls else "")
         return Launch([program, "-D", "-m", modules, "-f",
                        setup.write("lighttpd.conf", text)], port)
-    return Contender(name, launch)
+    # It takes no more connections than half of its descriptors.
+    return Contender(name, launch, idle_share=0.49)
 
 
 def peer(name, *options):

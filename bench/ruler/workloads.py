@@ -28,15 +28,15 @@ def get_workloads():
         Rounds("get-64", "GET, 13-byte answer, keep-alive, 64 connections",
                [*GET, "--connections", "64"],
                [ceiling("get"), ours(), *all_peers()], [cpu(1.08)], wrk_path="/hello.txt"),
-        Rounds("get-1", "The same, 1 connection, server and load on one core",
+        Rounds("get-1", "GET, 1 connection, server and load on one core",
                [*GET, "--connections", "1"],
                [ceiling("get"), ours(), *all_peers()], [cpu(1.07)], same_core=True),
         # libmicrohttpd has stalled with so many connections.
-        Rounds("get-256", "The same, 256 connections",
+        Rounds("get-256", "GET, 256 connections",
                [*GET, "--connections", "256"],
                [ceiling("get"), ours(), nginx(), h2o(), lighttpd(), peer("evhttp"), peer("beast")],
                [cpu(1.12)]),
-        Rounds("get-64-idle-5000", "The same, 64 connections beside 5,000 idle ones",
+        Rounds("get-64-idle-5000", "GET, 64 connections beside 5,000 idle ones",
                [*GET, "--connections", "64"],
                [ceiling("get"), ours(), nginx(connections=8000), h2o(connections=8000),
                 lighttpd(connections=8000)], [cpu(1.12)], idle=5000),
@@ -203,7 +203,7 @@ def memory_workload():
     for name, words, warm, contenders, limit in kinds:
         for count in (1000, MANY):
             title = f"{name} {count:,}"
-            columns.append(Column(title, idle_bytes(count, words, warm), contenders))
+            columns.append(Column(title, idle_bytes(count, words, warm), contenders, count))
             goals.append(Goal("value", limit, column=title))
     return Counts("memory", "Resident bytes per idle connection, by number of connections", columns,
                   goals)
