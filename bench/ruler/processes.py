@@ -145,10 +145,13 @@ def resident_bytes(pids):
     """Resident size of the processes together."""
     total = 0
     for pid in pids:
-        with open(f"/proc/{pid}/status", encoding="ascii", errors="replace") as file:
-            for line in file:
-                if line.startswith("VmRSS:"):
-                    total += int(line.split()[1]) * 1024
+        try:
+            with open(f"/proc/{pid}/status", encoding="ascii", errors="replace") as file:
+                for line in file:
+                    if line.startswith("VmRSS:"):
+                        total += int(line.split()[1]) * 1024
+        except OSError:
+            pass  # it has just ended
     return total
 
 

@@ -58,6 +58,7 @@ class Server:
                                              cores or setup.server_cores, self._log, stdout=pipe)
         try:
             self._wait_until_up(START_SECONDS * (6 if prefix else 1))
+            self._wait_until_settled()
         except BaseException:
             self.stop()
             raise
@@ -88,6 +89,17 @@ class Server:
             else:
                 time.sleep(0.01)
         raise Failure(f"did not listen within {seconds:.0f} s: {self.log_tail()}")
+
+    def _wait_until_settled(self):
+        """Some fork at their start: their worker, or a helper that ends at once."""
+        seen, same = set(), 0
+        for _ in range(100):
+            now = set(self.pids())
+            same = same + 1 if now == seen else 0
+            if same == 4:
+                return
+            seen = now
+            time.sleep(0.02)
 
 
 def connect(launch):
@@ -182,7 +194,7 @@ def h2o(name="h2o", tls=False, connections=4096):
         program = setup.peer_program("h2o")
         port = setup.new_port()
         ssl = (f"  ssl:\n    certificate-file: {setup.certificate}\n    key-file: {setup.key}\n"
-               "    minimum-version: TLSv1.2\n")
+               "    minimum-version: TLSv1.2\n    ocsp-update-interval: 0\n")
         text = string.Template(setup.template("h2o.conf.in")).substitute(
             connections=connections, directory=setup.new_directory("h2o"), port=port,
             user="user: root" if os.geteuid() == 0 else "",
