@@ -6,7 +6,7 @@ from html import escape
 from ruler.servers import OURS
 
 WIDTH = 860
-NAMES = 150      # room for the contenders' names
+NAMES = 160      # room for the contenders' names
 RIGHT = 60       # room for a figure behind the longest bar
 BAR = 13
 STEP = 17
@@ -98,7 +98,7 @@ def _goals(result):
             continue
         base = ratios.get(goal["against"])
         first = goal is result["goals"][0]  # further ones are about single peers
-        if base is not None and first:
+        if base is not None and first and goal["limit"] * base["median"] <= FULL:
             yield goal["contender"], goal["limit"] * base["median"]
 
 
