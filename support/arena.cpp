@@ -30,52 +30,50 @@ Arena::~Arena()
     }
 }
 
-void* Arena::allocate(size_t size)
+char* Arena::allocate_slow(size_t size)
 {
-    constexpr size_t ALIGNMENT = alignof(std::max_align_t);
-    const size_t past = reinterpret_cast<std::uintptr_t>(cursor_) % ALIGNMENT;
-    const size_t padding = past == 0 ? 0 : ALIGNMENT - past;
-    const size_t room = static_cast<size_t>(end_ - cursor_);
-    if (padding > room || size > room - padding) {
-        return allocate_slow(size); // a new block begins aligned
+    if (!add_block(size)) {
+        return nullptr;
     }
-    char* const result = cursor_ + padding;
-    cursor_ = result + size;
+    char* const result = cursor_;
+    cursor_ += size;
     return result;
 }
 
-char* Arena::allocate_slow(size_t size)
+/// Puts a block with room for `size` bytes in front, from which is allocated from now on.
+bool Arena::add_block(size_t size)
 {
-    static_assert(sizeof(Block) % alignof(std::max_align_t) == 0);
+    static_assert(sizeof(Block) % ALIGNMENT == 0);
     size_t capacity = FIRST_BLOCK;
     if (blocks_ != nullptr) {
         capacity = std::min<size_t>(blocks_->capacity_ * 2, MAX_KEPT);
     } else if (Block* const block = Thread_Free_List_T<Block_Traits>::take()) {
         if (block->capacity_ >= size) {
-            return add(block, size);
+            add(block);
+            return true;
         }
         std::free(block);
     }
     capacity = std::max(capacity, size);
     if (capacity > SIZE_MAX - sizeof(Block)) {
         errno = ENOMEM;
-        return nullptr;
+        return false;
     }
     void* const memory = std::malloc(sizeof(Block) + capacity);
     if (memory == nullptr) {
         errno = ENOMEM;
-        return nullptr;
+        return false;
     }
-    return add(new (memory) Block{nullptr, capacity}, size);
+    add(new (memory) Block{nullptr, capacity});
+    return true;
 }
 
-char* Arena::add(Block* block, size_t used)
+void Arena::add(Block* block)
 {
     block->next_ = blocks_;
     blocks_ = block;
-    cursor_ = block->data() + used;
+    cursor_ = block->data();
     end_ = block->data() + block->capacity_;
-    return block->data();
 }
 
 void Arena::give_back()

@@ -3,6 +3,7 @@
 #include "support/export.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -22,7 +23,17 @@ public:
     Arena& operator=(const Arena&) = delete;
 
     /// `size` bytes aligned for any header structure, or null when there is no memory (ENOMEM).
-    void* allocate(size_t size);
+    void* allocate(size_t size)
+    {
+        const size_t padding = -reinterpret_cast<std::uintptr_t>(cursor_) % ALIGNMENT;
+        const size_t room = static_cast<size_t>(end_ - cursor_);
+        if (padding > room || size > room - padding) {
+            return allocate_slow(size); // a new block begins aligned
+        }
+        char* const result = cursor_ + padding;
+        cursor_ = result + size;
+        return result;
+    }
 
     /// `size` bytes without alignment, or null when there is no memory (ENOMEM).
     char* allocate_text(size_t size)
@@ -46,6 +57,13 @@ public:
             result[text.size()] = '\0';
         }
         return result;
+    }
+
+    /// Sees to it that the next allocations, of `size` bytes together with what aligns them, come
+    /// from one block. @return false when there is no memory (ENOMEM).
+    bool reserve(size_t size)
+    {
+        return size <= static_cast<size_t>(end_ - cursor_) || add_block(size);
     }
 
     /// Forgets every allocation. Keeps one block, of at most `MAX_KEPT` bytes, for the next
@@ -80,8 +98,11 @@ private:
 
     struct Block_Traits;
 
+    static constexpr size_t ALIGNMENT = alignof(std::max_align_t);
+
     char* allocate_slow(size_t size);
-    char* add(Block* block, size_t used);
+    bool add_block(size_t size);
+    void add(Block* block);
     void keep_one_block();
 
     Block* blocks_ = nullptr; ///< newest first; only the newest is allocated from

@@ -196,9 +196,12 @@ bool is_real(const Date_Time& at)
 }
 
 struct Date_Line {
-    time_t second = -1;
-    char text[HTTP_DATE_LINE_LENGTH + 1] = "Date: ";
+    time_t second;
+    char text[HTTP_DATE_LINE_LENGTH + 1];
 };
+
+// Initialized before the thread begins, so that no call has to look whether it is.
+constinit thread_local Date_Line date_line{-1, "Date: "};
 
 } // namespace
 
@@ -257,12 +260,11 @@ bool http_date_parse(const char* text, time_t& when, time_t now)
 
 std::string_view http_date_line()
 {
-    static thread_local Date_Line line;
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME_COARSE, &now); // cannot fail with this clock
-    if (now.tv_sec != line.second) {
-        line.second = now.tv_sec;
-        http_date_format(now.tv_sec, line.text + 6);
+    Date_Line& line = date_line;
+    const time_t now = time(nullptr); // the clock of the last tick: nothing but a read of memory
+    if (now != line.second) {
+        line.second = now;
+        http_date_format(now, line.text + 6);
         std::memcpy(line.text + 6 + HTTP_DATE_LENGTH, "\r\n", 3);
     }
     return {line.text, HTTP_DATE_LINE_LENGTH};

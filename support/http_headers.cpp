@@ -1,5 +1,6 @@
 #include "support/http_headers.h"
 
+#include "support/http_header_table.h"
 #include "support/http_syntax.h"
 #include "support/log.h"
 
@@ -7,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
-#include <new>
 #include <type_traits>
 
 namespace {
@@ -15,18 +15,6 @@ namespace {
 bool is_known(int id)
 {
     return id >= 0 && id < NUM_HTTP_HEADS;
-}
-
-// What would end the line for the peer, and let a value that came from a client add lines of its
-// own to our response.
-bool breaks_line(std::string_view value)
-{
-    for (const char c : value) {
-        if (static_cast<unsigned char>(c) <= '\r' && (c == '\r' || c == '\n' || c == '\0')) {
-            return true;
-        }
-    }
-    return false;
 }
 
 int refuse_number(int id)
@@ -53,15 +41,8 @@ int refuse_value(std::string_view name)
 
 } // namespace
 
+// Where present_ lacks a field's bit its position is not looked at, so the table needs no value.
 HTTP_Headers::HTTP_Headers(Arena& arena) : arena_(arena) {}
-
-const char* HTTP_Headers::get(int id, bool) const
-{
-    if (!is_known(id) || index_[id] == 0) {
-        return nullptr;
-    }
-    return fields_[index_[id] - 1U].value.data();
-}
 
 const char* HTTP_Headers::get(std::string_view name) const
 {
@@ -69,17 +50,8 @@ const char* HTTP_Headers::get(std::string_view name) const
     if (id != HTTP_HEAD_UNKNOWN) {
         return get(id);
     }
-    const Field* const field = find_by_name(name);
+    const Field* const field = const_cast<HTTP_Headers*>(this)->find_by_name(name);
     return field == nullptr ? nullptr : field->value.data();
-}
-
-int HTTP_Headers::put(int id, const char* value, bool)
-{
-    if (!is_known(id)) {
-        return refuse_number(id);
-    }
-    const std::string_view name = http_header_name(id);
-    return value == nullptr ? remove(id, name) : put_i(id, name, value);
 }
 
 int HTTP_Headers::put(int id, std::string_view value)
@@ -87,7 +59,29 @@ int HTTP_Headers::put(int id, std::string_view value)
     if (!is_known(id)) {
         return refuse_number(id);
     }
-    return put_i(id, http_header_name(id), value);
+    if (http_breaks_line(value)) {
+        return refuse_value(HTTP_HEADER_NAMES[id]);
+    }
+    return put_clean(id, value);
+}
+
+int HTTP_Headers::put_clean(int id, std::string_view value)
+{
+    return this->has(id) && id != HTTP_HEAD_SET_COOKIE
+               ? replace(*find(id), value)
+               : copy_and_append(id, HTTP_HEADER_NAMES[id], value);
+}
+
+int HTTP_Headers::put_constant(int id, std::string_view value)
+{
+    constexpr std::uint32_t NOT_OURS = 0;
+    if (!this->has(id)) {
+        return append({id, NOT_OURS, HTTP_HEADER_NAMES[id], value});
+    }
+    Field& field = *find(id);
+    field.value = value;
+    field.room = NOT_OURS;
+    return 0;
 }
 
 int HTTP_Headers::put(std::string_view name, const char* value)
@@ -96,90 +90,125 @@ int HTTP_Headers::put(std::string_view name, const char* value)
         return put(name, std::string_view(value));
     }
     const int id = http_header_id(name);
-    if (id == HTTP_HEAD_UNKNOWN && !http_is_token(name)) {
+    if (id != HTTP_HEAD_UNKNOWN) {
+        return remove(id);
+    }
+    if (!http_is_token(name)) {
         return refuse_name();
     }
-    return remove(id, name);
+    if (Field* const field = find_by_name(name)) {
+        erase(field);
+    }
+    return 0;
 }
 
 int HTTP_Headers::put(std::string_view name, std::string_view value)
 {
     const int id = http_header_id(name);
-    if (id == HTTP_HEAD_UNKNOWN && !http_is_token(name)) {
+    if (id != HTTP_HEAD_UNKNOWN) {
+        return put(id, value);
+    }
+    if (!http_is_token(name)) {
         return refuse_name();
     }
-    return put_i(id, id == HTTP_HEAD_UNKNOWN ? name : http_header_name(id), value);
-}
-
-int HTTP_Headers::put_i(int id, std::string_view name, std::string_view value)
-{
-    if (breaks_line(value)) {
+    if (http_breaks_line(value)) {
         return refuse_value(name);
     }
-    Field* const field = id == HTTP_HEAD_SET_COOKIE ? nullptr : find(id, name);
-    return field == nullptr ? append(id, name, value) : replace(*field, value);
+    Field* const field = find_by_name(name);
+    return field == nullptr ? copy_and_append(id, name, value) : replace(*field, value);
 }
 
 int HTTP_Headers::add(int id, std::string_view name, std::string_view value)
 {
     if (is_known(id)) {
-        const bool repeated = index_[id] != 0 && id != HTTP_HEAD_SET_COOKIE;
-        return repeated ? join(fields_[index_[id] - 1U], value)
-                        : append(id, http_header_name(id), value);
+        name = HTTP_HEADER_NAMES[id];
     }
-    Field* const field = find(id, name);
-    return field == nullptr ? append(id, name, value) : join(*field, value);
+    Field* const earlier = find_to_join(id, name);
+    return earlier == nullptr ? copy_and_append(id, name, value) : join(*earlier, value);
 }
 
-HTTP_Headers::Field* HTTP_Headers::find(int id, std::string_view name)
+/// The field that one more value of that name is joined to.
+HTTP_Headers::Field* HTTP_Headers::find_to_join(int id, std::string_view name)
 {
-    if (is_known(id)) {
-        return index_[id] == 0 ? nullptr : &fields_[index_[id] - 1U];
+    if (!is_known(id)) {
+        return find_by_name(name);
     }
-    return const_cast<Field*>(find_by_name(name));
+    return id == HTTP_HEAD_SET_COOKIE ? nullptr : find(id);
 }
 
-const HTTP_Headers::Field* HTTP_Headers::find_by_name(std::string_view name) const
+HTTP_Headers::Field* HTTP_Headers::find(int id)
 {
-    for (const Field& field : fields()) {
-        if (field.id == HTTP_HEAD_UNKNOWN && http_equal_no_case(field.name, name)) {
-            return &field;
+    if (!this->has(id)) {
+        return nullptr;
+    }
+    return position_[id] != FAR ? &fields_[position_[id]] : const_cast<Field*>(find_far(id));
+}
+
+const HTTP_Headers::Field* HTTP_Headers::find_far(int id) const
+{
+    const Field* field = fields_ + FAR;
+    while (field->id != id) {
+        ++field;
+    }
+    return field;
+}
+
+HTTP_Headers::Field* HTTP_Headers::find_by_name(std::string_view name)
+{
+    for (Field* field = fields_; field != fields_ + size_; ++field) {
+        if (field->id == HTTP_HEAD_UNKNOWN && http_equal_no_case(field->name, name)) {
+            return field;
         }
     }
     return nullptr;
 }
 
-int HTTP_Headers::append(int id, std::string_view name, std::string_view value)
+int HTTP_Headers::copy_and_append(int id, std::string_view name, std::string_view value)
 {
     const bool known = is_known(id); // then the name is the table's, which lives for ever
+    if (size_ == capacity_ && grow() == -1) {
+        return -1;
+    }
     const char* const value_copy = arena_.copy(value);
     const char* const name_copy = known ? name.data() : arena_.copy(name);
     if (value_copy == nullptr || name_copy == nullptr) {
         return -1;
     }
-    if (size_ == capacity_ && grow() == -1) {
-        return -1;
+    return append({known ? id : HTTP_HEAD_UNKNOWN,
+                   room_of(value),
+                   {name_copy, name.size()},
+                   {value_copy, value.size()}});
+}
+
+bool HTTP_Headers::reserve(std::uint32_t count, size_t text)
+{
+    if (capacity_ != 0) {
+        return true;
     }
-    new (&fields_[size_++]) Field{
-        known ? id : HTTP_HEAD_UNKNOWN, 0, {name_copy, name.size()}, {value_copy, value.size()}};
-    if (known && index_[id] == 0) {
-        index_[id] = static_cast<Index>(size_);
-    }
-    return 0;
+    constexpr size_t PADDING = alignof(std::max_align_t) - 1;
+    count = std::max<std::uint32_t>(count, FIRST_FIELDS);
+    return arena_.reserve(PADDING + count * sizeof(Field) + text) && take_room(count);
 }
 
 int HTTP_Headers::grow()
 {
-    constexpr std::uint32_t MOST = std::numeric_limits<Index>::max(); // the index counts no further
+    constexpr std::uint32_t MOST = std::numeric_limits<std::uint16_t>::max();
     if (size_ == MOST) {
         errno = ENOMEM;
         return -1;
     }
-    const std::uint32_t capacity =
-        fields_ == nullptr ? std::uint32_t{FIRST_FIELDS} : std::min(2 * capacity_, MOST);
+    return take_room(fields_ == nullptr ? std::uint32_t{FIRST_FIELDS}
+                                        : std::min(2 * capacity_, MOST))
+               ? 0
+               : -1;
+}
+
+/// Moves the fields into room for `capacity` of them.
+bool HTTP_Headers::take_room(std::uint32_t capacity)
+{
     void* const memory = arena_.allocate(capacity * sizeof(Field));
     if (memory == nullptr) {
-        return -1;
+        return false;
     }
     static_assert(std::is_trivially_copyable_v<Field>);
     if (size_ > 0) {
@@ -187,12 +216,12 @@ int HTTP_Headers::grow()
     }
     fields_ = static_cast<Field*>(memory);
     capacity_ = capacity;
-    return 0;
+    return true;
 }
 
 int HTTP_Headers::replace(Field& field, std::string_view value)
 {
-    if (value.size() <= field.value.size()) { // fits; `value` may be a part of what stands there
+    if (value.size() < field.room) { // fits; `value` may be a part of what stands there
         char* const text = const_cast<char*>(field.value.data());
         if (!value.empty()) {
             std::memmove(text, value.data(), value.size());
@@ -206,7 +235,7 @@ int HTTP_Headers::replace(Field& field, std::string_view value)
         return -1;
     }
     field.value = {copy, value.size()};
-    field.room = 0;
+    field.room = room_of(value);
     return 0;
 }
 
@@ -240,38 +269,37 @@ int HTTP_Headers::join(Field& field, std::string_view value)
     return 0;
 }
 
-int HTTP_Headers::remove(int id, std::string_view name)
+int HTTP_Headers::remove(int id)
 {
-    Field* const field = find(id, name);
-    if (field == nullptr) {
+    if (!is_known(id)) {
+        return refuse_number(id);
+    }
+    if (!this->has(id)) {
         return 0;
     }
-    Field* const end = fields_ + size_;
-    Field* const new_end =
-        id == HTTP_HEAD_SET_COOKIE
-            ? std::remove_if(field, end,
-                             [](const Field& f) { return f.id == HTTP_HEAD_SET_COOKIE; })
-            : std::move(field + 1, end, field);
-    size_ = static_cast<std::uint32_t>(new_end - fields_);
+    if (id != HTTP_HEAD_SET_COOKIE) {
+        erase(find(id));
+        return 0;
+    }
+    const Field* const rest =
+        std::remove_if(find(id), fields_ + size_,
+                       [](const Field& field) { return field.id == HTTP_HEAD_SET_COOKIE; });
+    size_ = static_cast<std::uint32_t>(rest - fields_);
     reindex();
     return 0;
 }
 
-void HTTP_Headers::reindex()
+void HTTP_Headers::erase(Field* field)
 {
-    std::fill(std::begin(index_), std::end(index_), Index{0});
-    for (size_t i = size_; i > 0; --i) { // backwards: the first of a name stays
-        const int id = fields_[i - 1].id;
-        if (is_known(id)) {
-            index_[id] = static_cast<Index>(i);
-        }
-    }
+    std::move(field + 1, fields_ + size_, field);
+    --size_;
+    reindex();
 }
 
-void HTTP_Headers::reset()
+void HTTP_Headers::reindex()
 {
-    fields_ = nullptr;
-    size_ = 0;
-    capacity_ = 0;
-    std::fill(std::begin(index_), std::end(index_), Index{0});
+    present_ = 0;
+    for (std::uint32_t i = size_; i > 0; --i) { // backwards: the first of a name stays
+        note_position(fields_[i - 1].id, i - 1);
+    }
 }

@@ -19,7 +19,7 @@ class HTTPD_SUPPORT_EXPORT HTTP_Headers {
 public:
     struct Field {
         int id;                 ///< HTTP_HEAD_UNKNOWN for a name that is not in the table
-        std::uint32_t room;     ///< bytes that a joined value may grow to where it stands, else 0
+        std::uint32_t room;     ///< bytes for another value where it stands, 0 = not to be changed
         std::string_view name;  ///< as in the table, else as received or put; NUL-terminated
         std::string_view value; ///< NUL-terminated
     };
@@ -33,7 +33,26 @@ public:
      * @param id     an HTTP_HEAD_ number; any other gives null.
      * @param known  means the table of known fields; it has no other effect.
      */
-    const char* get(int id, bool known = true) const;
+    const char* get(int id, [[maybe_unused]] bool known = true) const
+    {
+        return this->value(id).data();
+    }
+
+    /// The same with its length.
+    std::string_view value(int id) const
+    {
+        if (!this->has(id)) {
+            return {};
+        }
+        const Position position = position_[id];
+        return (position != FAR ? fields_[position] : *find_far(id)).value;
+    }
+
+    /// True when the message has that known field.
+    bool has(int id) const
+    {
+        return static_cast<unsigned>(id) < NUM_HTTP_HEADS && (present_ >> id & 1U) != 0;
+    }
 
     /// The value of the field of that name, known or not, compared without case; null when absent.
     const char* get(std::string_view name) const;
@@ -44,7 +63,10 @@ public:
      * @return 0; -1 with EINVAL and one error line when the value holds CR, LF or NUL or the
      *         number is unknown, with ENOMEM when there is no memory. Nothing is stored then.
      */
-    int put(int id, const char* value, bool known = true);
+    int put(int id, const char* value, [[maybe_unused]] bool known = true)
+    {
+        return value != nullptr ? this->put(id, std::string_view(value)) : this->remove(id);
+    }
     int put(int id, std::string_view value);
 
     /// The same by name; a name that is not a token (RFC 9110, 5.6.2) is EINVAL too.
@@ -59,6 +81,27 @@ public:
      */
     int add(int id, std::string_view name, std::string_view value);
 
+    /**
+     * add() without a copy, for the parser.
+     * @param name   of a known field that of the table, else in the message's arena.
+     * @param value  in the message's arena, which no one else uses.
+     */
+    int add_placed(int id, std::string_view name, std::string_view value)
+    {
+        const bool known = id != HTTP_HEAD_UNKNOWN;
+        Field* const earlier =
+            known && !this->has(id) ? nullptr : this->find_to_join(id, name);
+        return earlier == nullptr ? append({id, room_of(value), name, value})
+                                  : join(*earlier, value);
+    }
+
+    /**
+     * Before the first field: room for `count` of them, and for `text` bytes that the next
+     * allocation of the arena asks for, in one block.
+     * @return false when there is no memory (ENOMEM).
+     */
+    bool reserve(std::uint32_t count, size_t text);
+
     size_t size() const { return size_; }
 
     /// All fields; good until the next put, add or reset.
@@ -67,27 +110,74 @@ public:
     const Field* end() const { return fields_ + size_; }
 
     /// Removes every field. The arena is the owner's to reset.
-    void reset();
+    void reset()
+    {
+        fields_ = nullptr;
+        present_ = 0;
+        size_ = 0;
+        capacity_ = 0;
+    }
 
     /// Fields for which there is room at first.
     enum : std::uint32_t { FIRST_FIELDS = 8 };
 
 private:
-    using Index = std::uint16_t;
+    using Position = std::uint8_t;
+    static constexpr Position FAR = 255; ///< at this position or behind it
 
-    Field* find(int id, std::string_view name);
-    const Field* find_by_name(std::string_view name) const;
-    int put_i(int id, std::string_view name, std::string_view value);
-    int append(int id, std::string_view name, std::string_view value);
+    template <typename T>
+    friend class HTTP_Base;
+
+    static std::uint32_t room_of(std::string_view value)
+    {
+        const size_t room = value.size() + 1;
+        return room <= UINT32_MAX ? static_cast<std::uint32_t>(room) : 0;
+    }
+
+    /// put() for a value of the library's own, which cannot break the line.
+    int put_clean(int id, std::string_view value);
+
+    /// The same for a NUL-terminated text that lives for ever: it is not copied.
+    int put_constant(int id, std::string_view value);
+
+    int append(const Field& field)
+    {
+        if (size_ == capacity_ && grow() == -1) {
+            return -1;
+        }
+        fields_[size_] = field;
+        if (!this->has(field.id)) {
+            this->note_position(field.id, size_);
+        }
+        ++size_;
+        return 0;
+    }
+
+    void note_position(int id, std::uint32_t position)
+    {
+        if (id != HTTP_HEAD_UNKNOWN) {
+            present_ |= std::uint64_t{1} << id;
+            position_[id] = position < FAR ? static_cast<Position>(position) : FAR;
+        }
+    }
+
+    Field* find(int id);
+    const Field* find_far(int id) const;
+    Field* find_by_name(std::string_view name);
+    Field* find_to_join(int id, std::string_view name);
+    int copy_and_append(int id, std::string_view name, std::string_view value);
     int replace(Field& field, std::string_view value);
     int join(Field& field, std::string_view value);
-    int remove(int id, std::string_view name);
+    int remove(int id);
+    void erase(Field* field);
     int grow();
+    bool take_room(std::uint32_t capacity);
     void reindex();
 
     Arena& arena_;
     Field* fields_ = nullptr; ///< in the arena
+    std::uint64_t present_ = 0; ///< one bit for each known field
     std::uint32_t size_ = 0;
     std::uint32_t capacity_ = 0;
-    Index index_[NUM_HTTP_HEADS] = {}; ///< 1 + position of the first in fields_, 0 = absent
+    Position position_[NUM_HTTP_HEADS]; ///< of the first in fields_, where present_ has its bit
 };

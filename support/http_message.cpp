@@ -1,6 +1,7 @@
 #include "support/http_message.h"
 
 #include "support/http_date.h"
+#include "support/http_header_table.h"
 #include "support/http_header_value.h"
 #include "support/http_status.h"
 #include "support/http_syntax.h"
@@ -79,31 +80,88 @@ std::string_view without_user(std::string_view authority)
     return at == std::string_view::npos ? authority : authority.substr(at + 1);
 }
 
-char* put_text(char* out, std::string_view text)
+constexpr std::string_view KEEP_ALIVE = "Keep-Alive";
+constexpr std::string_view CLOSE = "close";
+constexpr std::string_view CHUNKED = "chunked";
+
+/// What one look at a target tells.
+struct Target_Marks {
+    bool visible = true;  ///< no character outside 0x21 to 0x7E
+    bool encoded = false; ///< there may be a "%" before the "?"
+    size_t query = std::string_view::npos; ///< offset of the "?"
+};
+
+/// Text_Chunk::SIZE - 1 bytes behind the target must be readable.
+Target_Marks look_at_target(const char* target, size_t size)
 {
-    std::memcpy(out, text.data(), text.size());
-    return out + text.size();
+    Target_Marks marks;
+    for (size_t i = 0; i < size; i += Text_Chunk::SIZE) {
+        const Text_Chunk chunk(target + i);
+        const size_t left = size - i;
+        const unsigned in = left < Text_Chunk::SIZE ? (1U << left) - 1 : Text_Chunk::ALL;
+        marks.visible &= (~chunk.visible() & in) == 0;
+        if (marks.query == std::string_view::npos) {
+            marks.encoded |= (chunk.equal('%') & in) != 0;
+            if (const unsigned question = chunk.equal('?') & in) {
+                marks.query = i + static_cast<size_t>(__builtin_ctz(question));
+            }
+        }
+    }
+    return marks;
 }
 
-char* put_line_end(char* out)
+template <size_t SIZE>
+char* put(char* out, const char (&text)[SIZE])
 {
-    out[0] = '\r';
-    out[1] = '\n';
-    return out + 2;
+    std::memcpy(out, text, SIZE - 1);
+    return out + SIZE - 1;
 }
 
-constexpr std::string_view VERSION = "HTTP/1.1 ";
+constexpr char STATUS_LINE_OK[] = "HTTP/1.1 200 OK\r\n";
+constexpr char VERSION[] = "HTTP/1.1 ";
+constexpr char SEPARATOR[] = ": ";
+constexpr char LINE_END[] = "\r\n";
 constexpr size_t STATUS_LENGTH = 3;
+constexpr size_t SEPARATOR_LENGTH = sizeof(SEPARATOR) - 1;
+constexpr size_t LINE_END_LENGTH = sizeof(LINE_END) - 1;
+
+size_t status_line_size(std::string_view reason)
+{
+    return sizeof(VERSION) - 1 + STATUS_LENGTH + 1 + reason.size() + LINE_END_LENGTH;
+}
+
+char* put_status_line(char* out, int status, std::string_view reason)
+{
+    if (status == 200 && reason == "OK") {
+        return put(out, STATUS_LINE_OK);
+    }
+    out = put(out, VERSION);
+    out = std::to_chars(out, out + STATUS_LENGTH, status).ptr;
+    *out++ = ' ';
+    return put(copy_short(out, reason), LINE_END);
+}
+
+size_t field_size(const HTTP_Headers::Field& field)
+{
+    return field.name.size() + SEPARATOR_LENGTH + field.value.size() + LINE_END_LENGTH;
+}
+
+/// Writes one line, and perhaps other bytes behind it, less than ROOM.
+char* put_field(char* out, const HTTP_Headers::Field& field)
+{
+    using namespace http_header_table;
+    if (field.id != HTTP_HEAD_UNKNOWN) {
+        std::memcpy(out, LINE_STARTS.text[field.id], ROOM);
+        out += field.name.size() + SEPARATOR_LENGTH;
+    } else {
+        out = put(copy_short(out, field.name), SEPARATOR);
+    }
+    return put(copy_short(out, field.value), LINE_END);
+}
 
 } // namespace
 
 CGI_Base::CGI_Base() : headers_(arena_) {}
-
-void CGI_Base::reset()
-{
-    headers_.reset();
-    arena_.reset();
-}
 
 /// The parts of a target, as views of its stored copy.
 struct CGI_Request::Target {
@@ -111,15 +169,11 @@ struct CGI_Request::Target {
     std::string_view authority;
     const char* query = nullptr;
 
-    explicit Target(std::string_view target, bool is_authority) : path(target)
+    /// @param mark  where the "?" is
+    Target(std::string_view target, size_t mark) : path(target.substr(0, mark))
     {
-        if (is_authority) {
-            return; // RFC 9112, section 3.2.3: neither path nor query
-        }
-        const size_t mark = target.find('?');
         if (mark != std::string_view::npos) {
             query = target.data() + mark + 1;
-            path = target.substr(0, mark);
         }
         const size_t begin = find_authority(path);
         if (begin != 0) {
@@ -132,37 +186,51 @@ struct CGI_Request::Target {
 
 int CGI_Request::request_line(std::string_view method, std::string_view target)
 {
-    if (target.empty() || !http_is_visible(target)) {
+    char* const text = arena_.allocate_text(method.size() + 1 + target.size() + PADDING);
+    if (text == nullptr) {
+        return -1;
+    }
+    char* const target_text = copy_short(text, method) + 1;
+    std::memset(copy_short(target_text, target), 0, PADDING);
+    return this->request_line_placed(text, method.size(), target_text, target.size());
+}
+
+int CGI_Request::request_line_placed(char* method, size_t method_size, char* target,
+                                     size_t target_size)
+{
+    const Target_Marks marks = look_at_target(target, target_size);
+    if (target_size == 0 || !marks.visible) {
         errno = EINVAL;
         return -1;
     }
-    const HTTP_Method number = http_method_from_token(method);
-    const char* const method_text =
-        number == HTTP_NO_METHOD ? arena_.copy(method) : http_method_string(number);
-    const char* const copy = arena_.copy(target);
-    if (method_text == nullptr || copy == nullptr) {
-        return -1;
-    }
-
-    const bool is_authority = number == HTTP_METHOD_CONNECT;
-    const Target parts(std::string_view(copy, target.size()), is_authority);
-    const char* const path = place_path(parts.path, !is_authority);
-    if (path == nullptr) {
-        return -1;
+    method[method_size] = '\0';
+    target[target_size] = '\0';
+    const std::string_view text(target, target_size);
+    const HTTP_Method number = http_method_from_token({method, method_size});
+    if (number == HTTP_METHOD_CONNECT) { // RFC 9112, section 3.2.3: neither path nor query
+        path_ = target;
+        query_ = nullptr;
+        authority_ = {};
+    } else {
+        const Target parts(text, marks.query);
+        const char* const path = place_path(parts.path, marks.encoded);
+        if (path == nullptr) {
+            return -1;
+        }
+        path_ = path;
+        query_ = parts.query;
+        authority_ = parts.authority;
     }
     method_ = number;
-    method_text_ = method_text;
-    target_ = copy;
-    path_ = path;
-    query_ = parts.query;
-    authority_ = parts.authority;
+    method_text_ = number == HTTP_NO_METHOD ? method : http_method_string(number);
+    target_ = target;
     return 0;
 }
 
 // The path as a C string: the stored target's own end where nothing follows it, else a copy.
-const char* CGI_Request::place_path(std::string_view path, bool may_be_encoded)
+const char* CGI_Request::place_path(std::string_view path, bool is_encoded)
 {
-    if (!may_be_encoded || path.find('%') == std::string_view::npos) {
+    if (!is_encoded) {
         return path.data()[path.size()] == '\0' ? path.data() : arena_.copy(path);
     }
     char* const decoded = arena_.allocate_text(path.size() + 1);
@@ -176,17 +244,6 @@ const char* CGI_Request::place_path(std::string_view path, bool may_be_encoded)
     }
     decoded[length] = '\0';
     return decoded;
-}
-
-void CGI_Request::reset()
-{
-    CGI_Base::reset();
-    method_ = HTTP_METHOD_GET;
-    method_text_ = "GET";
-    target_ = "/";
-    path_ = "/";
-    query_ = nullptr;
-    authority_ = {};
 }
 
 void CGI_Response::status(int code, const char* reason)
@@ -212,24 +269,22 @@ void CGI_Response::status(int code, const char* reason)
     }
 }
 
-void CGI_Response::reset()
-{
-    CGI_Base::reset();
-    status_ = 200;
-    reason_ = "OK";
-}
-
 template <typename T>
-std::uint64_t HTTP_Base<T>::content_length() const
+std::uint64_t HTTP_Base<T>::read_content_length() const
 {
-    const char* const text = this->headers_.get(HTTP_HEAD_CONTENT_LENGTH);
-    if (text == nullptr) {
-        return 0;
-    }
+    constexpr std::uint64_t MOST = std::numeric_limits<std::uint64_t>::max();
     std::uint64_t length = 0;
-    const auto [end, error] = std::from_chars(text, text + std::strlen(text), length);
-    return error == std::errc::result_out_of_range ? std::numeric_limits<std::uint64_t>::max()
-                                                   : length;
+    for (const char c : this->headers_.value(HTTP_HEAD_CONTENT_LENGTH)) {
+        if (!http_is_digit(c)) {
+            break;
+        }
+        const auto digit = static_cast<std::uint64_t>(c - '0');
+        if (length > (MOST - digit) / 10) {
+            return MOST;
+        }
+        length = length * 10 + digit;
+    }
+    return length;
 }
 
 template <typename T>
@@ -237,54 +292,37 @@ void HTTP_Base<T>::content_length(std::uint64_t length)
 {
     char text[32];
     const char* const end = std::to_chars(text, text + sizeof(text), length).ptr;
-    this->headers_.put(HTTP_HEAD_CONTENT_LENGTH,
-                       std::string_view(text, static_cast<size_t>(end - text)));
+    this->headers_.put_clean(HTTP_HEAD_CONTENT_LENGTH,
+                             std::string_view(text, static_cast<size_t>(end - text)));
 }
 
 template <typename T>
-const char* HTTP_Base<T>::content_type() const
+bool HTTP_Base<T>::read_connection() const
 {
-    return this->headers_.get(HTTP_HEAD_CONTENT_TYPE);
-}
-
-template <typename T>
-void HTTP_Base<T>::content_type(const char* type)
-{
-    this->headers_.put(HTTP_HEAD_CONTENT_TYPE, type);
-}
-
-template <typename T>
-bool HTTP_Base<T>::keep_alive() const
-{
-    const char* const connection = this->headers_.get(HTTP_HEAD_CONNECTION);
-    if (connection != nullptr) {
-        if (http_header_value_match(connection, "close", ',')) {
-            return false;
-        }
-        if (http_header_value_match(connection, "Keep-Alive", ',')) {
-            return true;
-        }
+    const std::string_view connection = this->headers_.value(HTTP_HEAD_CONNECTION);
+    if (is_word_no_case(connection, "keep-alive")) {
+        return true; // and nothing else, as nearly always
     }
-    return minor_version_ > 0;
+    if (http_header_value_match(connection, "close", ',')) {
+        return false;
+    }
+    return http_header_value_match(connection, "Keep-Alive", ',') || minor_version_ > 0;
 }
 
 template <typename T>
 void HTTP_Base<T>::keep_alive(bool on)
 {
-    this->headers_.put(HTTP_HEAD_CONNECTION, on ? "Keep-Alive" : "close");
-}
-
-template <typename T>
-bool HTTP_Base<T>::chunked_transfer_encoding() const
-{
-    const char* const coding = this->headers_.get(HTTP_HEAD_TRANSFER_ENCODING);
-    return coding != nullptr && std::strcmp(coding, "chunked") == 0;
+    this->headers_.put_constant(HTTP_HEAD_CONNECTION, on ? KEEP_ALIVE : CLOSE);
 }
 
 template <typename T>
 void HTTP_Base<T>::chunked_transfer_encoding(bool on)
 {
-    this->headers_.put(HTTP_HEAD_TRANSFER_ENCODING, on ? "chunked" : nullptr);
+    if (on) {
+        this->headers_.put_constant(HTTP_HEAD_TRANSFER_ENCODING, CHUNKED);
+    } else {
+        this->headers_.put(HTTP_HEAD_TRANSFER_ENCODING, nullptr);
+    }
 }
 
 template class HTTP_Base<CGI_Request>;
@@ -298,27 +336,10 @@ HTTP_Request::HTTP_Request(HTTP_Method method, const char* uri, bool keep_alive)
     }
 }
 
-void HTTP_Request::reset()
-{
-    CGI_Request::reset();
-    minor_version_ = 1;
-}
-
-void HTTP_Response::reset()
-{
-    CGI_Response::reset();
-    minor_version_ = 1;
-}
-
 void HTTP_Response::give_back()
 {
     reset();
     arena_.give_back();
-}
-
-int HTTP_Response::iovec_count() const
-{
-    return 1;
 }
 
 int HTTP_Response::to_iovec(iovec* iov, int count)
@@ -327,31 +348,25 @@ int HTTP_Response::to_iovec(iovec* iov, int count)
         errno = EINVAL;
         return -1;
     }
-    const bool has_date = headers_.get(HTTP_HEAD_DATE) != nullptr;
-    const std::string_view date_line = has_date ? std::string_view("") : http_date_line();
-    constexpr size_t LINE_END = 2;
-    constexpr size_t SEPARATOR = 2;
-    size_t size = VERSION.size() + STATUS_LENGTH + 1 + reason_.size() + LINE_END +
-                  date_line.size() + LINE_END;
+    size_t size = status_line_size(reason_);
     for (const HTTP_Headers::Field& field : headers_) {
-        size += field.name.size() + SEPARATOR + field.value.size() + LINE_END;
+        size += field_size(field);
     }
-    char* const head = arena_.allocate_text(size);
+    const bool has_date = headers_.has(HTTP_HEAD_DATE);
+    const std::string_view date_line = has_date ? std::string_view("") : http_date_line();
+    size += date_line.size() + LINE_END_LENGTH;
+    // What put_field() may write behind a line is overwritten by the Date line, if there is one.
+    static_assert(HTTP_DATE_LINE_LENGTH >= http_header_table::ROOM);
+    char* const head = arena_.allocate_text(has_date ? size + http_header_table::ROOM : size);
     if (head == nullptr) {
         return -1;
     }
 
-    char* out = put_text(head, VERSION);
-    out = std::to_chars(out, out + STATUS_LENGTH, status_).ptr;
-    *out++ = ' ';
-    out = put_line_end(put_text(out, reason_));
+    char* out = put_status_line(head, status_, reason_);
     for (const HTTP_Headers::Field& field : headers_) {
-        out = put_text(out, field.name);
-        *out++ = ':';
-        *out++ = ' ';
-        out = put_line_end(put_text(out, field.value));
+        out = put_field(out, field);
     }
-    out = put_line_end(put_text(out, date_line));
+    put(copy_short(out, date_line), LINE_END);
     iov[0] = {head, size};
     return 1;
 }

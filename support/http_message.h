@@ -25,7 +25,12 @@ public:
 
 protected:
     ~CGI_Base() = default;
-    void reset();
+
+    void reset()
+    {
+        headers_.reset();
+        arena_.reset();
+    }
 
     Arena arena_;
     HTTP_Headers headers_;
@@ -62,10 +67,27 @@ public:
      */
     int request_line(std::string_view method, std::string_view target);
 
+    /**
+     * The same for texts that lie in this message's arena, which become part of the request without
+     * a copy: a NUL is written behind each. PADDING bytes behind the target must be readable.
+     */
+    int request_line_placed(char* method, size_t method_size, char* target, size_t target_size);
+    enum : size_t { PADDING = 16 };
+
 protected:
     ~CGI_Request() = default;
     CGI_Request() = default;
-    void reset();
+
+    void reset()
+    {
+        CGI_Base::reset();
+        method_ = HTTP_METHOD_GET;
+        method_text_ = "GET";
+        target_ = "/";
+        path_ = "/";
+        query_ = nullptr;
+        authority_ = {};
+    }
 
     HTTP_Method method_ = HTTP_METHOD_GET;
     const char* method_text_ = "GET";
@@ -77,7 +99,7 @@ protected:
 private:
     struct Target;
 
-    const char* place_path(std::string_view path, bool may_be_encoded);
+    const char* place_path(std::string_view path, bool is_encoded);
 };
 
 /// A response: status, reason and header fields.
@@ -101,7 +123,13 @@ public:
 protected:
     ~CGI_Response() = default;
     CGI_Response() = default;
-    void reset();
+
+    void reset()
+    {
+        CGI_Base::reset();
+        status_ = 200;
+        reason_ = "OK";
+    }
 
     int status_ = 200;
     std::string_view reason_ = "OK"; ///< NUL-terminated
@@ -116,19 +144,29 @@ public:
 
     /// Content-Length as a decimal number that stops at the first non-digit; 0 when absent, the
     /// highest number of 64 bits when it is larger.
-    std::uint64_t content_length() const;
+    std::uint64_t content_length() const
+    {
+        return this->headers_.has(HTTP_HEAD_CONTENT_LENGTH) ? this->read_content_length() : 0;
+    }
     void content_length(std::uint64_t length);
 
     /// Content-Type, or null.
-    const char* content_type() const;
-    void content_type(const char* type);
+    const char* content_type() const { return this->headers_.get(HTTP_HEAD_CONTENT_TYPE); }
+    void content_type(const char* type) { this->headers_.put(HTTP_HEAD_CONTENT_TYPE, type); }
 
     /// Connection: false for "close", else true for "Keep-Alive", else true from HTTP/1.1 on.
-    bool keep_alive() const;
+    bool keep_alive() const
+    {
+        return this->headers_.has(HTTP_HEAD_CONNECTION) ? this->read_connection()
+                                                        : minor_version_ > 0;
+    }
     void keep_alive(bool on);
 
     /// True exactly when Transfer-Encoding is "chunked", byte for byte.
-    bool chunked_transfer_encoding() const;
+    bool chunked_transfer_encoding() const
+    {
+        return this->headers_.value(HTTP_HEAD_TRANSFER_ENCODING) == "chunked";
+    }
     void chunked_transfer_encoding(bool on);
 
 protected:
@@ -136,6 +174,10 @@ protected:
     HTTP_Base() = default;
 
     int minor_version_ = 1;
+
+private:
+    std::uint64_t read_content_length() const;
+    bool read_connection() const;
 };
 
 extern template class HTTP_Base<CGI_Request>;
@@ -154,7 +196,11 @@ public:
     ~HTTP_Request() = default;
 
     /// Empties it for the next request of the connection: GET, "/", HTTP/1.1, no fields.
-    void reset();
+    void reset()
+    {
+        CGI_Request::reset();
+        minor_version_ = 1;
+    }
 };
 
 /// A response as a plug-in builds it. Used by one thread at a time.
@@ -164,13 +210,17 @@ public:
     ~HTTP_Response() = default;
 
     /// Empties it for the next response of the connection: 200, HTTP/1.1, no fields.
-    void reset();
+    void reset()
+    {
+        CGI_Response::reset();
+        minor_version_ = 1;
+    }
 
     /// reset(), and leaves the memory to the next message of the calling thread.
     void give_back();
 
     /// How many entries to_iovec() needs at most.
-    int iovec_count() const;
+    int iovec_count() const { return 1; }
 
     /**
      * Serialises status line, fields (in the order in which they were put), a Date field unless the

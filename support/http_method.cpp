@@ -9,10 +9,10 @@ constexpr const char* NAMES[NUM_HTTP_METHOD_STRINGS] = {
 };
 
 /// `candidate` is a method whose name is as long as the token.
+template <size_t LENGTH>
 HTTP_Method match(std::string_view token, HTTP_Method candidate)
 {
-    return std::memcmp(token.data(), NAMES[candidate], token.size()) == 0 ? candidate
-                                                                          : HTTP_NO_METHOD;
+    return std::memcmp(token.data(), NAMES[candidate], LENGTH) == 0 ? candidate : HTTP_NO_METHOD;
 }
 
 } // namespace
@@ -27,24 +27,24 @@ HTTP_Method http_method_from_token(std::string_view token)
 {
     switch (token.size()) {
     case 3:
-        return match(token, token[0] == 'G' ? HTTP_METHOD_GET : HTTP_METHOD_PUT);
+        return match<3>(token, token[0] == 'G' ? HTTP_METHOD_GET : HTTP_METHOD_PUT);
     case 4:
         switch (token[0]) {
         case 'C':
-            return match(token, HTTP_METHOD_COPY);
+            return match<4>(token, HTTP_METHOD_COPY);
         case 'H':
-            return match(token, HTTP_METHOD_HEAD);
+            return match<4>(token, HTTP_METHOD_HEAD);
         case 'M':
-            return match(token, HTTP_METHOD_MOVE);
+            return match<4>(token, HTTP_METHOD_MOVE);
         default:
-            return match(token, HTTP_METHOD_POST);
+            return match<4>(token, HTTP_METHOD_POST);
         }
     case 5:
-        return match(token, token[0] == 'M' ? HTTP_METHOD_MKCOL : HTTP_METHOD_TRACE);
+        return match<5>(token, token[0] == 'M' ? HTTP_METHOD_MKCOL : HTTP_METHOD_TRACE);
     case 6:
-        return match(token, HTTP_METHOD_DELETE);
+        return match<6>(token, HTTP_METHOD_DELETE);
     case 7:
-        return match(token, token[0] == 'C' ? HTTP_METHOD_CONNECT : HTTP_METHOD_OPTIONS);
+        return match<7>(token, token[0] == 'C' ? HTTP_METHOD_CONNECT : HTTP_METHOD_OPTIONS);
     default:
         return HTTP_NO_METHOD;
     }

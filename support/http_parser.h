@@ -35,17 +35,31 @@ public:
     HTTP_Parser_State parse(ACE_Message_Block& block, HTTP_Request& message);
 
     /// Ready for the next header. The message is the caller's to reset.
-    void reset();
+    void reset()
+    {
+        state_ = HTTP_PARSER_STATE_LINE_EXPECTED;
+        line_ = 0;
+        scanned_ = 0;
+        field_lines_ = 0;
+        empty_lines_ = 0;
+    }
 
     enum : size_t { MAX_HEADER_LINES = 128, MAX_EMPTY_LINES = 2 };
 
 protected:
-    /// Reads the start line (without its CR LF) into `message`; false when it is malformed.
-    virtual bool parse_start_line(const char* begin, const char* end, HTTP_Request& message) = 0;
+    /// Reads the start line (without its CR LF) into `message`; false when it is malformed. The line
+    /// lies in the message's arena, for the message to keep, with CGI_Request::PADDING behind it.
+    virtual bool parse_start_line(char* begin, char* end, HTTP_Request& message) = 0;
 
 private:
-    HTTP_Parser_State parse_line(const char* begin, const char* end, HTTP_Request& message);
-    bool parse_field_line(const char* begin, const char* end, HTTP_Request& message);
+    struct Lines;
+    enum Stop : int;
+
+    Stop find_lines(const char* begin, const char* end, Lines& lines);
+    bool parse_lines(const char* begin, const Lines& lines, HTTP_Request& message);
+    bool parse_line(char* begin, char* end, HTTP_Request& message);
+    bool parse_field_line(char* begin, char* end, HTTP_Request& message);
+    HTTP_Parser_State parse_empty_line(HTTP_Request& message);
     bool finish(HTTP_Request& message) const;
     HTTP_Parser_State fail();
 
@@ -59,5 +73,5 @@ private:
 /// HTTP_Parser whose start line is a request line (RFC 9112, section 3).
 class HTTPD_SUPPORT_EXPORT HTTP_Request_Parser : public HTTP_Parser {
 protected:
-    bool parse_start_line(const char* begin, const char* end, HTTP_Request& message) override;
+    bool parse_start_line(char* begin, char* end, HTTP_Request& message) override;
 };

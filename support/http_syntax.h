@@ -1,12 +1,12 @@
 #pragma once
 
+#include "support/short_text.h"
+#include "support/text_chunk.h"
+
 #include <array>
 #include <cstddef>
+#include <cstring>
 #include <string_view>
-
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 /// Character classes of HTTP messages that several modules share. Not part of the interface.
 
@@ -88,100 +88,59 @@ constexpr bool http_is_control(char c)
     return (byte < 0x20 && byte != '\t') || byte == 0x7F;
 }
 
-#if defined(__SSE2__)
-/// One bit for each of sixteen bytes: set when the byte is above `low` and below 0x7F. One more and
-/// signed, 0x7F is the lowest number of all, so that a single comparison tells.
-inline unsigned http_between(__m128i bytes, char low)
-{
-    const __m128i more = _mm_add_epi8(bytes, _mm_set1_epi8(1));
-    const __m128i limit = _mm_set1_epi8(static_cast<char>(low + 1));
-    return static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpgt_epi8(more, limit)));
-}
-
-constexpr unsigned HTTP_ALL_SIXTEEN = 0xFFFF;
-
-inline __m128i http_load_sixteen(const char* text)
-{
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
-}
-#endif
-
-#if defined(__SSE2__)
-/// One bit for each of sixteen bytes: set where http_is_control() is true.
-inline unsigned http_controls(__m128i bytes)
-{
-    const unsigned plain = http_between(bytes, 0x1F);
-    if (plain == HTTP_ALL_SIXTEEN) {
-        return 0;
-    }
-    const int tabs = _mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('\t')));
-    const int above_ascii = _mm_movemask_epi8(bytes);
-    return HTTP_ALL_SIXTEEN & ~(plain | static_cast<unsigned>(tabs | above_ascii));
-}
-#endif
-
 /// The first control character in [from, end), or end. All of [begin, end) must be readable, and
 /// `from` lie in it: the bytes before `from` let the last ones be looked at together.
 inline const char* http_find_control(const char* begin, const char* from, const char* end)
 {
-#if defined(__SSE2__)
+    constexpr auto SIZE = static_cast<ptrdiff_t>(Text_Chunk::SIZE);
     ptrdiff_t left = end - from;
-    for (; left >= 16; left -= 16) {
-        const unsigned found = http_controls(http_load_sixteen(from));
-        if (found != 0) {
+    for (; left >= SIZE; left -= SIZE, from += SIZE) {
+        if (const unsigned found = Text_Chunk(from).controls()) {
             return from + __builtin_ctz(found);
         }
-        from += 16;
     }
-    if (left > 0 && end - begin >= 16) {
-        const unsigned found = http_controls(http_load_sixteen(end - 16)) >> (16 - left);
+    if (left > 0 && end - begin >= SIZE) {
+        const unsigned found = Text_Chunk(end - SIZE).controls() >> (SIZE - left);
         return found != 0 ? from + __builtin_ctz(found) : end;
     }
-#else
-    static_cast<void>(begin);
-#endif
     while (from != end && !http_is_control(*from)) {
         ++from;
     }
     return from;
 }
 
-/// True when every character is visible ASCII, 0x21 to 0x7E.
-inline bool http_is_visible(std::string_view text)
+/// The first `wanted` in [begin, end), or end. SIZE - 1 bytes behind the end must be readable.
+template <typename Char>
+inline Char* http_find_padded(Char* begin, Char* end, char wanted)
 {
-    const char* at = text.data();
-    size_t left = text.size();
-#if defined(__SSE2__)
-    for (; left >= 16; left -= 16, at += 16) {
-        if (http_between(http_load_sixteen(at), 0x20) != HTTP_ALL_SIXTEEN) {
-            return false;
+    for (; begin < end; begin += Text_Chunk::SIZE) {
+        if (const unsigned found = Text_Chunk(begin).equal(wanted)) {
+            Char* const at = begin + __builtin_ctz(found);
+            return at < end ? at : end;
         }
     }
-#endif
-    for (; left != 0; --left, ++at) {
-        const unsigned char byte = static_cast<unsigned char>(*at);
-        if (byte <= 0x20 || byte >= 0x7F) {
-            return false;
-        }
-    }
-    return true;
+    return end;
 }
 
-/// The first `wanted` in [begin, end), or end. For names, which are too short for memchr to pay.
-inline const char* http_find_near(const char* begin, const char* end, char wanted)
+/// CR, LF or NUL: what would end the line for the peer, and let a value that came from a client add
+/// lines of its own to a response.
+inline bool http_breaks_line(std::string_view text)
 {
-#if defined(__SSE2__)
-    while (end - begin >= 16) {
-        const __m128i bytes = http_load_sixteen(begin);
-        const int found = _mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(wanted)));
-        if (found != 0) {
-            return begin + __builtin_ctz(static_cast<unsigned>(found));
+    constexpr size_t SIZE = Text_Chunk::SIZE;
+    const auto breaks = [](const char* at) {
+        const Text_Chunk chunk(at);
+        return (chunk.equal('\r') | chunk.equal('\n') | chunk.equal('\0')) != 0;
+    };
+    if (text.size() < SIZE) {
+        char padded[SIZE];
+        std::memset(padded, ' ', SIZE);
+        copy_short(padded, text);
+        return breaks(padded);
+    }
+    for (size_t i = 0; i < text.size() - SIZE; i += SIZE) {
+        if (breaks(text.data() + i)) {
+            return true;
         }
-        begin += 16;
     }
-#endif
-    while (begin != end && *begin != wanted) {
-        ++begin;
-    }
-    return begin;
+    return breaks(text.data() + text.size() - SIZE);
 }
