@@ -17,6 +17,13 @@ bool is_known(int id)
     return id >= 0 && id < NUM_HTTP_HEADS;
 }
 
+/// A copy's room: what its size and the NUL take, as far as that can be told.
+std::uint32_t room_of(std::string_view copy)
+{
+    return static_cast<std::uint32_t>(
+        std::min<size_t>(copy.size() + 1, std::numeric_limits<std::uint32_t>::max()));
+}
+
 int refuse_number(int id)
 {
     errno = EINVAL;
@@ -67,16 +74,22 @@ int HTTP_Headers::put(int id, std::string_view value)
 
 int HTTP_Headers::put_clean(int id, std::string_view value)
 {
-    return this->has(id) && id != HTTP_HEAD_SET_COOKIE
-               ? replace(*find(id), value)
-               : copy_and_append(id, HTTP_HEADER_NAMES[id], value);
+    if (this->has(id)) {
+        return id == HTTP_HEAD_SET_COOKIE ? copy_and_append(id, HTTP_HEADER_NAMES[id], value)
+                                          : replace(*find(id), value);
+    }
+    char* const copy = arena_.allocate_text(value.size() + 1);
+    if (copy == nullptr) {
+        return -1;
+    }
+    *copy_short(copy, value) = '\0';
+    return append(id, room_of(value), HTTP_HEADER_NAMES[id], {copy, value.size()});
 }
 
 int HTTP_Headers::put_constant(int id, std::string_view value)
 {
-    constexpr std::uint32_t NOT_OURS = 0;
     if (!this->has(id)) {
-        return append({id, NOT_OURS, HTTP_HEADER_NAMES[id], value});
+        return add_placed(id, HTTP_HEADER_NAMES[id], value);
     }
     Field& field = *find(id);
     field.value = value;
@@ -127,6 +140,13 @@ int HTTP_Headers::add(int id, std::string_view name, std::string_view value)
     return earlier == nullptr ? copy_and_append(id, name, value) : join(*earlier, value);
 }
 
+int HTTP_Headers::add_placed(std::string_view name, std::string_view value)
+{
+    Field* const earlier = find_by_name(name);
+    return earlier == nullptr ? append({HTTP_HEAD_UNKNOWN, NOT_OURS, name, value})
+                              : join(*earlier, value);
+}
+
 /// The field that one more value of that name is joined to.
 HTTP_Headers::Field* HTTP_Headers::find_to_join(int id, std::string_view name)
 {
@@ -166,9 +186,6 @@ HTTP_Headers::Field* HTTP_Headers::find_by_name(std::string_view name)
 int HTTP_Headers::copy_and_append(int id, std::string_view name, std::string_view value)
 {
     const bool known = is_known(id); // then the name is the table's, which lives for ever
-    if (size_ == capacity_ && grow() == -1) {
-        return -1;
-    }
     const char* const value_copy = arena_.copy(value);
     const char* const name_copy = known ? name.data() : arena_.copy(name);
     if (value_copy == nullptr || name_copy == nullptr) {
@@ -178,6 +195,23 @@ int HTTP_Headers::copy_and_append(int id, std::string_view name, std::string_vie
                    room_of(value),
                    {name_copy, name.size()},
                    {value_copy, value.size()}});
+}
+
+int HTTP_Headers::append(const Field& field)
+{
+    if (size_ == capacity_ && grow() == -1) {
+        return -1;
+    }
+    if (field.id != HTTP_HEAD_UNKNOWN && !this->has(field.id)) {
+        note_position(field.id, size_);
+    }
+    fields_[size_++] = field;
+    return 0;
+}
+
+int HTTP_Headers::grow_and_append(const Field& field)
+{
+    return grow() == -1 ? -1 : append(field);
 }
 
 bool HTTP_Headers::reserve(std::uint32_t count, size_t text)
@@ -281,9 +315,9 @@ int HTTP_Headers::remove(int id)
         erase(find(id));
         return 0;
     }
-    const Field* const rest =
-        std::remove_if(find(id), fields_ + size_,
-                       [](const Field& field) { return field.id == HTTP_HEAD_SET_COOKIE; });
+    const Field* const rest = std::remove_if(find(id), fields_ + size_, [](const Field& field) {
+        return field.id == HTTP_HEAD_SET_COOKIE;
+    });
     size_ = static_cast<std::uint32_t>(rest - fields_);
     reindex();
     return 0;
@@ -300,6 +334,8 @@ void HTTP_Headers::reindex()
 {
     present_ = 0;
     for (std::uint32_t i = size_; i > 0; --i) { // backwards: the first of a name stays
-        note_position(fields_[i - 1].id, i - 1);
+        if (fields_[i - 1].id != HTTP_HEAD_UNKNOWN) {
+            note_position(fields_[i - 1].id, i - 1);
+        }
     }
 }

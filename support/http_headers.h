@@ -82,18 +82,17 @@ public:
     int add(int id, std::string_view name, std::string_view value);
 
     /**
-     * add() without a copy, for the parser.
-     * @param name   of a known field that of the table, else in the message's arena.
-     * @param value  in the message's arena, which no one else uses.
+     * The same without a copy, for a known field that the message does not have yet.
+     * @param name   that of the table.
+     * @param value  a C string in the message's arena.
      */
     int add_placed(int id, std::string_view name, std::string_view value)
     {
-        const bool known = id != HTTP_HEAD_UNKNOWN;
-        Field* const earlier =
-            known && !this->has(id) ? nullptr : this->find_to_join(id, name);
-        return earlier == nullptr ? append({id, room_of(value), name, value})
-                                  : join(*earlier, value);
+        return this->append(id, NOT_OURS, name, value);
     }
+
+    /// The same for a field that is not in the table, whether the message has it or not.
+    int add_placed(std::string_view name, std::string_view value);
 
     /**
      * Before the first field: room for `count` of them, and for `text` bytes that the next
@@ -128,11 +127,8 @@ private:
     template <typename T>
     friend class HTTP_Base;
 
-    static std::uint32_t room_of(std::string_view value)
-    {
-        const size_t room = value.size() + 1;
-        return room <= UINT32_MAX ? static_cast<std::uint32_t>(room) : 0;
-    }
+    /// Room of a text that is not to be changed where it stands.
+    static constexpr std::uint32_t NOT_OURS = 0;
 
     /// put() for a value of the library's own, which cannot break the line.
     int put_clean(int id, std::string_view value);
@@ -140,25 +136,25 @@ private:
     /// The same for a NUL-terminated text that lives for ever: it is not copied.
     int put_constant(int id, std::string_view value);
 
-    int append(const Field& field)
+    /// Adds a field at the end: a known one that the message does not have yet.
+    int append(int id, std::uint32_t room, std::string_view name, std::string_view value)
     {
-        if (size_ == capacity_ && grow() == -1) {
-            return -1;
+        if (size_ == capacity_) {
+            return this->grow_and_append({id, room, name, value});
         }
-        fields_[size_] = field;
-        if (!this->has(field.id)) {
-            this->note_position(field.id, size_);
-        }
-        ++size_;
+        this->note_position(id, size_);
+        fields_[size_++] = {id, room, name, value};
         return 0;
     }
 
+    /// Adds any field at the end.
+    int append(const Field& field);
+    int grow_and_append(const Field& field);
+
     void note_position(int id, std::uint32_t position)
     {
-        if (id != HTTP_HEAD_UNKNOWN) {
-            present_ |= std::uint64_t{1} << id;
-            position_[id] = position < FAR ? static_cast<Position>(position) : FAR;
-        }
+        present_ |= std::uint64_t{1} << id;
+        position_[id] = static_cast<Position>(position < FAR ? position : FAR);
     }
 
     Field* find(int id);
@@ -175,7 +171,7 @@ private:
     void reindex();
 
     Arena& arena_;
-    Field* fields_ = nullptr; ///< in the arena
+    Field* fields_ = nullptr;   ///< in the arena
     std::uint64_t present_ = 0; ///< one bit for each known field
     std::uint32_t size_ = 0;
     std::uint32_t capacity_ = 0;

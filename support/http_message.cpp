@@ -58,26 +58,33 @@ ptrdiff_t decode_unreserved(std::string_view text, char* out)
     return out - begin;
 }
 
-/// Where the authority begins in a target of the absolute form (RFC 9112, section 3.2.2); 0 in any
-/// other. The scheme's grammar is that of RFC 3986, section 3.1.
-size_t find_authority(std::string_view target)
-{
-    if (!http_is_alpha(target.front())) {
-        return 0;
-    }
-    size_t i = 1;
-    while (i < target.size() && (http_is_alpha(target[i]) || http_is_digit(target[i]) ||
-                                 target[i] == '+' || target[i] == '-' || target[i] == '.')) {
-        ++i;
-    }
-    constexpr std::string_view MARK = "://";
-    return target.substr(i, MARK.size()) == MARK ? i + MARK.size() : 0;
-}
-
 std::string_view without_user(std::string_view authority)
 {
     const size_t at = authority.rfind('@');
     return at == std::string_view::npos ? authority : authority.substr(at + 1);
+}
+
+/// Takes the authority off a target of the absolute form (RFC 9112, section 3.2.2) without its
+/// query; any other stays as it is. The scheme's grammar is that of RFC 3986, section 3.1.
+std::string_view take_authority(std::string_view& path)
+{
+    if (path.empty() || !http_is_alpha(path.front())) {
+        return {};
+    }
+    size_t i = 1;
+    while (i < path.size() && (http_is_alpha(path[i]) || http_is_digit(path[i]) || path[i] == '+' ||
+                               path[i] == '-' || path[i] == '.')) {
+        ++i;
+    }
+    constexpr std::string_view MARK = "://";
+    if (path.substr(i, MARK.size()) != MARK) {
+        return {};
+    }
+    const size_t begin = i + MARK.size();
+    const size_t end = std::min(path.find('/', begin), path.size());
+    const std::string_view authority = path.substr(begin, end - begin);
+    path = end == path.size() ? std::string_view("/") : path.substr(end);
+    return without_user(authority);
 }
 
 constexpr std::string_view KEEP_ALIVE = "Keep-Alive";
@@ -86,9 +93,9 @@ constexpr std::string_view CHUNKED = "chunked";
 
 /// What one look at a target tells.
 struct Target_Marks {
-    bool visible = true;  ///< no character outside 0x21 to 0x7E
-    bool encoded = false; ///< there may be a "%" before the "?"
-    size_t query = std::string_view::npos; ///< offset of the "?"
+    bool visible = true;         ///< no character outside 0x21 to 0x7E
+    bool encoded = false;        ///< there may be a "%" before the "?"
+    const char* query = nullptr; ///< the first "?"
 };
 
 /// Text_Chunk::SIZE - 1 bytes behind the target must be readable.
@@ -100,10 +107,10 @@ Target_Marks look_at_target(const char* target, size_t size)
         const size_t left = size - i;
         const unsigned in = left < Text_Chunk::SIZE ? (1U << left) - 1 : Text_Chunk::ALL;
         marks.visible &= (~chunk.visible() & in) == 0;
-        if (marks.query == std::string_view::npos) {
+        if (marks.query == nullptr) {
             marks.encoded |= (chunk.equal('%') & in) != 0;
             if (const unsigned question = chunk.equal('?') & in) {
-                marks.query = i + static_cast<size_t>(__builtin_ctz(question));
+                marks.query = target + i + __builtin_ctz(question);
             }
         }
     }
@@ -163,39 +170,20 @@ char* put_field(char* out, const HTTP_Headers::Field& field)
 
 CGI_Base::CGI_Base() : headers_(arena_) {}
 
-/// The parts of a target, as views of its stored copy.
-struct CGI_Request::Target {
-    std::string_view path;
-    std::string_view authority;
-    const char* query = nullptr;
-
-    /// @param mark  where the "?" is
-    Target(std::string_view target, size_t mark) : path(target.substr(0, mark))
-    {
-        if (mark != std::string_view::npos) {
-            query = target.data() + mark + 1;
-        }
-        const size_t begin = find_authority(path);
-        if (begin != 0) {
-            const size_t end = std::min(path.find('/', begin), path.size());
-            authority = without_user(path.substr(begin, end - begin));
-            path = end == path.size() ? std::string_view("/") : path.substr(end);
-        }
-    }
-};
-
 int CGI_Request::request_line(std::string_view method, std::string_view target)
 {
-    char* const text = arena_.allocate_text(method.size() + 1 + target.size() + PADDING);
-    if (text == nullptr) {
+    const HTTP_Method number = http_method_from_token(method);
+    const char* const method_text =
+        number == HTTP_NO_METHOD ? arena_.copy(method) : http_method_string(number);
+    char* const text = arena_.allocate_text(target.size() + PADDING);
+    if (method_text == nullptr || text == nullptr) {
         return -1;
     }
-    char* const target_text = copy_short(text, method) + 1;
-    std::memset(copy_short(target_text, target), 0, PADDING);
-    return this->request_line_placed(text, method.size(), target_text, target.size());
+    std::memset(copy_short(text, target), 0, PADDING);
+    return this->request_line_placed(number, method_text, text, target.size());
 }
 
-int CGI_Request::request_line_placed(char* method, size_t method_size, char* target,
+int CGI_Request::request_line_placed(HTTP_Method method, const char* method_text, char* target,
                                      size_t target_size)
 {
     const Target_Marks marks = look_at_target(target, target_size);
@@ -203,27 +191,30 @@ int CGI_Request::request_line_placed(char* method, size_t method_size, char* tar
         errno = EINVAL;
         return -1;
     }
-    method[method_size] = '\0';
     target[target_size] = '\0';
-    const std::string_view text(target, target_size);
-    const HTTP_Method number = http_method_from_token({method, method_size});
-    if (number == HTTP_METHOD_CONNECT) { // RFC 9112, section 3.2.3: neither path nor query
-        path_ = target;
-        query_ = nullptr;
-        authority_ = {};
-    } else {
-        const Target parts(text, marks.query);
-        const char* const path = place_path(parts.path, marks.encoded);
-        if (path == nullptr) {
-            return -1;
+    std::string_view path(target, target_size);
+    std::string_view authority;
+    const char* query = nullptr;
+    const bool is_authority = method == HTTP_METHOD_CONNECT; // neither path nor query (3.2.3)
+    if (!is_authority) {
+        if (marks.query != nullptr) {
+            path = {target, static_cast<size_t>(marks.query - target)};
+            query = marks.query + 1;
         }
-        path_ = path;
-        query_ = parts.query;
-        authority_ = parts.authority;
+        if (*target != '/') {
+            authority = take_authority(path);
+        }
     }
-    method_ = number;
-    method_text_ = number == HTTP_NO_METHOD ? method : http_method_string(number);
+    const char* const path_text = this->place_path(path, marks.encoded && !is_authority);
+    if (path_text == nullptr) {
+        return -1;
+    }
+    method_ = method;
+    method_text_ = method_text;
     target_ = target;
+    path_ = path_text;
+    query_ = query;
+    authority_ = authority;
     return 0;
 }
 
@@ -279,7 +270,7 @@ std::uint64_t HTTP_Base<T>::read_content_length() const
             break;
         }
         const auto digit = static_cast<std::uint64_t>(c - '0');
-        if (length > (MOST - digit) / 10) {
+        if (length >= MOST / 10 && (length > MOST / 10 || digit > MOST % 10)) {
             return MOST;
         }
         length = length * 10 + digit;
@@ -353,8 +344,8 @@ int HTTP_Response::to_iovec(iovec* iov, int count)
         size += field_size(field);
     }
     const bool has_date = headers_.has(HTTP_HEAD_DATE);
-    const std::string_view date_line = has_date ? std::string_view("") : http_date_line();
-    size += date_line.size() + LINE_END_LENGTH;
+    const char* const date_line = has_date ? nullptr : http_date_line().data();
+    size += (has_date ? size_t{0} : HTTP_DATE_LINE_LENGTH) + LINE_END_LENGTH;
     // What put_field() may write behind a line is overwritten by the Date line, if there is one.
     static_assert(HTTP_DATE_LINE_LENGTH >= http_header_table::ROOM);
     char* const head = arena_.allocate_text(has_date ? size + http_header_table::ROOM : size);
@@ -366,7 +357,11 @@ int HTTP_Response::to_iovec(iovec* iov, int count)
     for (const HTTP_Headers::Field& field : headers_) {
         out = put_field(out, field);
     }
-    put(copy_short(out, date_line), LINE_END);
+    if (!has_date) {
+        std::memcpy(out, date_line, HTTP_DATE_LINE_LENGTH);
+        out += HTTP_DATE_LINE_LENGTH;
+    }
+    put(out, LINE_END);
     iov[0] = {head, size};
     return 1;
 }

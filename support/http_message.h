@@ -68,10 +68,13 @@ public:
     int request_line(std::string_view method, std::string_view target);
 
     /**
-     * The same for texts that lie in this message's arena, which become part of the request without
-     * a copy: a NUL is written behind each. PADDING bytes behind the target must be readable.
+     * The same without a copy.
+     * @param method_text  lives for ever or lies in this message's arena
+     * @param target       lies in this message's arena; a NUL is written behind it, where PADDING
+     *                     bytes must be readable
      */
-    int request_line_placed(char* method, size_t method_size, char* target, size_t target_size);
+    int request_line_placed(HTTP_Method method, const char* method_text, char* target,
+                            size_t target_size);
     enum : size_t { PADDING = 16 };
 
 protected:
@@ -97,8 +100,6 @@ protected:
     std::string_view authority_;
 
 private:
-    struct Target;
-
     const char* place_path(std::string_view path, bool is_encoded);
 };
 

@@ -47,20 +47,17 @@ public:
     enum : size_t { MAX_HEADER_LINES = 128, MAX_EMPTY_LINES = 2 };
 
 protected:
-    /// Reads the start line (without its CR LF) into `message`; false when it is malformed. The line
-    /// lies in the message's arena, for the message to keep, with CGI_Request::PADDING behind it.
+    /// Reads the start line (without its CR LF) into `message`; false when it is malformed. The
+    /// line lies in the message's arena, for the message to keep, with CGI_Request::PADDING behind
+    /// it.
     virtual bool parse_start_line(char* begin, char* end, HTTP_Request& message) = 0;
 
 private:
     struct Lines;
-    enum Stop : int;
 
-    Stop find_lines(const char* begin, const char* end, Lines& lines);
+    bool find_lines(const char* text, size_t size, Lines& lines);
     bool parse_lines(const char* begin, const Lines& lines, HTTP_Request& message);
-    bool parse_line(char* begin, char* end, HTTP_Request& message);
-    bool parse_field_line(char* begin, char* end, HTTP_Request& message);
     HTTP_Parser_State parse_empty_line(HTTP_Request& message);
-    bool finish(HTTP_Request& message) const;
     HTTP_Parser_State fail();
 
     HTTP_Parser_State state_ = HTTP_PARSER_STATE_LINE_EXPECTED;

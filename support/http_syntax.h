@@ -88,38 +88,97 @@ constexpr bool http_is_control(char c)
     return (byte < 0x20 && byte != '\t') || byte == 0x7F;
 }
 
-/// The first control character in [from, end), or end. All of [begin, end) must be readable, and
-/// `from` lie in it: the bytes before `from` let the last ones be looked at together.
-inline const char* http_find_control(const char* begin, const char* from, const char* end)
-{
-    constexpr auto SIZE = static_cast<ptrdiff_t>(Text_Chunk::SIZE);
-    ptrdiff_t left = end - from;
-    for (; left >= SIZE; left -= SIZE, from += SIZE) {
-        if (const unsigned found = Text_Chunk(from).controls()) {
-            return from + __builtin_ctz(found);
+/// Finds the control characters of a text one after the other.
+class Control_Finder {
+public:
+    /// Looks at [from, size) of the text. All of it must be readable: the bytes before `from` let
+    /// the last ones be looked at together.
+    Control_Finder(const char* text, size_t from, size_t size)
+        : text_(text), at_(from), size_(size), found_(this->look())
+    {
+    }
+
+    /// Where the first control character is that was not skipped, or the size.
+    size_t find()
+    {
+        while (found_ == 0) {
+            at_ += SIZE;
+            if (at_ + SIZE > size_) {
+                found_ = this->look_at_rest();
+                return found_ != 0 ? this->first() : size_;
+            }
+            found_ = Text_Chunk(text_ + at_).controls();
+        }
+        return this->first();
+    }
+
+    /// Skips what lies before `to`, which is behind the one that was found last.
+    void skip(size_t to)
+    {
+        const size_t offset = to - at_;
+        if (offset < SIZE) {
+            found_ = found_ >> offset << offset;
+        } else {
+            at_ = to;
+            found_ = this->look();
         }
     }
-    if (left > 0 && end - begin >= SIZE) {
-        const unsigned found = Text_Chunk(end - SIZE).controls() >> (SIZE - left);
-        return found != 0 ? from + __builtin_ctz(found) : end;
-    }
-    while (from != end && !http_is_control(*from)) {
-        ++from;
-    }
-    return from;
-}
 
-/// The first `wanted` in [begin, end), or end. SIZE - 1 bytes behind the end must be readable.
+private:
+    static constexpr size_t SIZE = Text_Chunk::SIZE;
+
+    size_t first() const { return at_ + static_cast<size_t>(__builtin_ctz(found_)); }
+
+    unsigned look() const
+    {
+        return at_ + SIZE <= size_ ? Text_Chunk(text_ + at_).controls() : this->look_at_rest();
+    }
+
+    unsigned look_at_rest() const
+    {
+        if (at_ >= size_) {
+            return 0;
+        }
+        if (size_ >= SIZE) {
+            return Text_Chunk(text_ + size_ - SIZE).controls() >> (SIZE - (size_ - at_));
+        }
+        unsigned found = 0;
+        for (size_t i = at_; i < size_; ++i) {
+            found |= http_is_control(text_[i]) ? 1U << (i - at_) : 0U;
+        }
+        return found;
+    }
+
+    const char* text_;
+    size_t at_;
+    size_t size_;
+    unsigned found_; ///< in the chunk at at_
+};
+
+/// The first `wanted` in [begin, end); a place at the end or behind it when there is none.
+/// Text_Chunk::SIZE - 1 bytes behind the end must be readable.
 template <typename Char>
 inline Char* http_find_padded(Char* begin, Char* end, char wanted)
 {
     for (; begin < end; begin += Text_Chunk::SIZE) {
         if (const unsigned found = Text_Chunk(begin).equal(wanted)) {
-            Char* const at = begin + __builtin_ctz(found);
-            return at < end ? at : end;
+            return begin + __builtin_ctz(found);
         }
     }
     return end;
+}
+
+/// http_is_token() for a text with Text_Chunk::SIZE - 1 readable bytes behind it.
+inline bool http_is_token_padded(std::string_view text)
+{
+    for (size_t i = 0; i < text.size(); i += Text_Chunk::SIZE) {
+        const size_t left = text.size() - i;
+        const unsigned in = left < Text_Chunk::SIZE ? (1U << left) - 1 : Text_Chunk::ALL;
+        if ((~Text_Chunk(text.data() + i).letters_digits_hyphens() & in) != 0) {
+            return http_is_token(text); // one of the characters that hardly any name has
+        }
+    }
+    return !text.empty();
 }
 
 /// CR, LF or NUL: what would end the line for the peer, and let a value that came from a client add
@@ -127,20 +186,24 @@ inline Char* http_find_padded(Char* begin, Char* end, char wanted)
 inline bool http_breaks_line(std::string_view text)
 {
     constexpr size_t SIZE = Text_Chunk::SIZE;
-    const auto breaks = [](const char* at) {
-        const Text_Chunk chunk(at);
-        return (chunk.equal('\r') | chunk.equal('\n') | chunk.equal('\0')) != 0;
-    };
-    if (text.size() < SIZE) {
-        char padded[SIZE];
-        std::memset(padded, ' ', SIZE);
-        copy_short(padded, text);
-        return breaks(padded);
+    const char* at = text.data();
+    const size_t size = text.size();
+    if (size >= SIZE) {
+        const char* const last = at + size - SIZE;
+        for (; at < last; at += SIZE) {
+            if (Text_Chunk(at).line_breakers() != 0) {
+                return true;
+            }
+        }
+        return Text_Chunk(last).line_breakers() != 0;
     }
-    for (size_t i = 0; i < text.size() - SIZE; i += SIZE) {
-        if (breaks(text.data() + i)) {
+    if (size >= SIZE / 2) {
+        return Text_Chunk::of_halves(at, at + size - SIZE / 2).line_breakers() != 0;
+    }
+    for (const char c : text) {
+        if (c == '\r' || c == '\n' || c == '\0') {
             return true;
         }
     }
-    return breaks(text.data() + text.size() - SIZE);
+    return false;
 }

@@ -18,6 +18,15 @@ public:
     /// Reads SIZE bytes from `text`, all of which must be readable.
     explicit Text_Chunk(const char* text);
 
+    /// Two halves that need not lie together.
+    static Text_Chunk of_halves(const char* first, const char* second)
+    {
+        char text[SIZE];
+        __builtin_memcpy(text, first, SIZE / 2);
+        __builtin_memcpy(text + SIZE / 2, second, SIZE / 2);
+        return Text_Chunk(text);
+    }
+
     unsigned equal(char wanted) const;
 
     /// Control characters except the tab: 0x00 to 0x1F without 0x09, and 0x7F.
@@ -25,6 +34,11 @@ public:
 
     /// Visible ASCII: 0x21 to 0x7E.
     unsigned visible() const;
+
+    unsigned letters_digits_hyphens() const;
+
+    /// CR, LF and NUL.
+    unsigned line_breakers() const;
 
     /// What is the same as `lower`, SIZE readable bytes of a field name in lower case, without
     /// regard to the case of letters. Of the characters in names only letters have bit 6; shifted
@@ -38,7 +52,10 @@ private:
         return _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
     }
 
-    static unsigned bits(__m128i truth) { return static_cast<unsigned>(_mm_movemask_epi8(truth)); }
+    static unsigned bits(__m128i truth)
+    {
+        return static_cast<unsigned>(_mm_movemask_epi8(truth));
+    }
 
     /// Above `low` and below 0x7F. One more and signed, 0x7F is the lowest number of all, so that a
     /// single comparison tells.
@@ -88,6 +105,26 @@ inline unsigned Text_Chunk::visible() const
     return this->between(0x20);
 }
 
+inline unsigned Text_Chunk::letters_digits_hyphens() const
+{
+    // Moved so that the last of a range is 127, the range is all that is above its first but one.
+    const auto up_to = [](__m128i bytes, char first, char last) {
+        const __m128i moved = _mm_add_epi8(bytes, _mm_set1_epi8(static_cast<char>(127 - last)));
+        return _mm_cmpgt_epi8(moved, _mm_set1_epi8(static_cast<char>(127 - last + first - 1)));
+    };
+    const __m128i lower = _mm_or_si128(bytes_, _mm_set1_epi8(0x20));
+    const __m128i hyphens = _mm_cmpeq_epi8(bytes_, _mm_set1_epi8('-'));
+    return bits(
+        _mm_or_si128(_mm_or_si128(up_to(lower, 'a', 'z'), up_to(bytes_, '0', '9')), hyphens));
+}
+
+inline unsigned Text_Chunk::line_breakers() const
+{
+    const __m128i ends = _mm_or_si128(_mm_cmpeq_epi8(bytes_, _mm_set1_epi8('\r')),
+                                      _mm_cmpeq_epi8(bytes_, _mm_set1_epi8('\n')));
+    return bits(_mm_or_si128(ends, _mm_cmpeq_epi8(bytes_, _mm_setzero_si128())));
+}
+
 inline unsigned Text_Chunk::same_name(const char* lower) const
 {
     const __m128i expected = load(lower);
@@ -104,21 +141,32 @@ inline Text_Chunk::Text_Chunk(const char* text)
 
 inline unsigned Text_Chunk::equal(char wanted) const
 {
-    return bits([wanted](unsigned byte, size_t) {
-        return byte == static_cast<unsigned char>(wanted);
-    });
+    return bits(
+        [wanted](unsigned byte, size_t) { return byte == static_cast<unsigned char>(wanted); });
 }
 
 inline unsigned Text_Chunk::controls() const
 {
-    return bits([](unsigned byte, size_t) {
-        return (byte < 0x20 && byte != '\t') || byte == 0x7F;
-    });
+    return bits(
+        [](unsigned byte, size_t) { return (byte < 0x20 && byte != '\t') || byte == 0x7F; });
 }
 
 inline unsigned Text_Chunk::visible() const
 {
     return bits([](unsigned byte, size_t) { return byte > 0x20 && byte < 0x7F; });
+}
+
+inline unsigned Text_Chunk::letters_digits_hyphens() const
+{
+    return bits([](unsigned byte, size_t) {
+        const unsigned lower = byte | 0x20U;
+        return (lower >= 'a' && lower <= 'z') || (byte >= '0' && byte <= '9') || byte == '-';
+    });
+}
+
+inline unsigned Text_Chunk::line_breakers() const
+{
+    return bits([](unsigned byte, size_t) { return byte == '\r' || byte == '\n' || byte == 0; });
 }
 
 inline unsigned Text_Chunk::same_name(const char* lower) const

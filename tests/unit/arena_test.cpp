@@ -138,6 +138,22 @@ TEST(Arena, takes_no_block_from_the_thread_that_is_too_small)
     EXPECT_EQ(arena.copy(large), large);
 }
 
+TEST(Arena, gives_what_was_reserved_from_one_block)
+{
+    Arena arena;
+    ASSERT_NE(arena.copy("some text"), nullptr);
+    for (const size_t size : {1U, 400U, 5000U, 100000U}) {
+        ASSERT_TRUE(arena.reserve(size));
+        const char* const first = arena.allocate_text(1);
+        const char* const rest = arena.allocate_text(size - 1);
+        EXPECT_EQ(rest, first + 1);
+    }
+    errno = 0;
+    EXPECT_FALSE(arena.reserve(std::numeric_limits<size_t>::max()));
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_STREQ(arena.copy("usable"), "usable");
+}
+
 TEST(Arena, gives_nothing_back_when_it_holds_nothing)
 {
     Arena arena;

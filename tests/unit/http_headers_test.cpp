@@ -326,6 +326,54 @@ TEST_F(HTTP_Headers_Test, refuses_more_fields_than_its_index_can_count)
     EXPECT_EQ(headers_.put(HTTP_HEAD_SERVER, "s"), 0);
 }
 
+TEST_F(HTTP_Headers_Test, finds_fields_at_any_position)
+{
+    for (const int before : {253, 254, 255, 256, 257, 1000}) {
+        SCOPED_TRACE(testing::Message() << before << " fields before");
+        headers_.reset();
+        arena_.reset();
+        for (int i = 0; i < before; ++i) {
+            ASSERT_EQ(headers_.put("X-" + std::to_string(i), "x"), 0);
+        }
+        headers_.put(HTTP_HEAD_SERVER, "s");
+        headers_.put(HTTP_HEAD_VIA, "v");
+        EXPECT_STREQ(headers_.get(HTTP_HEAD_SERVER), "s");
+        EXPECT_STREQ(headers_.get(HTTP_HEAD_VIA), "v");
+        EXPECT_EQ(headers_.add(HTTP_HEAD_VIA, "Via", "w"), 0);
+        headers_.put(HTTP_HEAD_SERVER, "a longer one");
+        EXPECT_STREQ(headers_.get(HTTP_HEAD_SERVER), "a longer one");
+        EXPECT_STREQ(headers_.get(HTTP_HEAD_VIA), "v, w");
+        headers_.put("X-0", static_cast<const char*>(nullptr));
+        EXPECT_STREQ(headers_.get(HTTP_HEAD_VIA), "v, w");
+        headers_.put(HTTP_HEAD_SERVER, static_cast<const char*>(nullptr));
+        EXPECT_EQ(headers_.get(HTTP_HEAD_SERVER), nullptr);
+        EXPECT_STREQ(headers_.get(HTTP_HEAD_VIA), "v, w");
+    }
+}
+
+TEST_F(HTTP_Headers_Test, a_value_fits_where_a_longer_one_stood_before)
+{
+    headers_.put(HTTP_HEAD_SERVER, "0123456789");
+    const char* const text = headers_.get(HTTP_HEAD_SERVER);
+    headers_.put(HTTP_HEAD_VIA, "v");
+    headers_.put(HTTP_HEAD_SERVER, "short");
+    headers_.put(HTTP_HEAD_SERVER, "abcdefghij");
+    EXPECT_EQ(headers_.get(HTTP_HEAD_SERVER), text);
+    EXPECT_STREQ(text, "abcdefghij");
+    EXPECT_STREQ(headers_.get(HTTP_HEAD_VIA), "v");
+}
+
+TEST_F(HTTP_Headers_Test, value_has_the_length_too)
+{
+    EXPECT_EQ(headers_.value(HTTP_HEAD_SERVER).data(), nullptr);
+    EXPECT_EQ(headers_.value(-1).data(), nullptr);
+    EXPECT_EQ(headers_.value(NUM_HTTP_HEADS).data(), nullptr);
+    headers_.put(HTTP_HEAD_SERVER, "");
+    EXPECT_NE(headers_.value(HTTP_HEAD_SERVER).data(), nullptr);
+    headers_.put(HTTP_HEAD_SERVER, "abc");
+    EXPECT_EQ(headers_.value(HTTP_HEAD_SERVER), "abc");
+}
+
 TEST_F(HTTP_Headers_Test, reset_removes_everything)
 {
     for (int id = 0; id < NUM_HTTP_HEADS; ++id) {

@@ -456,6 +456,47 @@ TEST(HTTP_Response, sets_500_for_a_status_without_three_digits)
     EXPECT_EQ(response.status(), 999);
 }
 
+TEST(HTTP_Response, may_change_what_the_accessors_put)
+{
+    HTTP_Response response;
+    for (const bool keep : {true, false}) {
+        response.keep_alive(keep);
+        response.headers().put(HTTP_HEAD_CONNECTION, "x");
+        EXPECT_EQ(response.headers().add(HTTP_HEAD_CONNECTION, "Connection", "y"), 0);
+        response.chunked_transfer_encoding(true);
+        response.headers().put(HTTP_HEAD_TRANSFER_ENCODING, "gzip");
+        EXPECT_EQ(head(response), "HTTP/1.1 200 OK\r\n"
+                                  "Connection: x, y\r\n"
+                                  "Transfer-Encoding: gzip\r\n"
+                                  "\r\n");
+    }
+    response.keep_alive(true);
+    response.chunked_transfer_encoding(true);
+    EXPECT_EQ(head(response), "HTTP/1.1 200 OK\r\n"
+                              "Connection: Keep-Alive\r\n"
+                              "Transfer-Encoding: chunked\r\n"
+                              "\r\n");
+}
+
+TEST(HTTP_Response, serialises_every_known_field_with_values_of_any_length)
+{
+    for (size_t length = 0; length < 100; ++length) {
+        for (const bool has_date : {true, false}) {
+            HTTP_Response response;
+            std::string expected = "HTTP/1.1 200 OK\r\n";
+            for (int id = 0; id < NUM_HTTP_HEADS; ++id) {
+                if (id == HTTP_HEAD_DATE && !has_date) {
+                    continue;
+                }
+                const std::string value(length, static_cast<char>('0' + id));
+                ASSERT_EQ(response.headers().put(id, value), 0);
+                expected.append(http_header_name(id)).append(": ").append(value).append("\r\n");
+            }
+            EXPECT_EQ(head(response), expected + "\r\n");
+        }
+    }
+}
+
 TEST(HTTP_Response, needs_room_for_its_entries)
 {
     HTTP_Response response;

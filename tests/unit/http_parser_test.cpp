@@ -1,5 +1,7 @@
 #include "support/http_parser.h"
 
+#include "tests/support/guarded_text.h"
+
 #include <ace/Message_Block.h>
 #include <gtest/gtest.h>
 
@@ -616,6 +618,66 @@ TEST(HTTP_Parser, takes_no_memory_once_it_is_warm)
         ASSERT_EQ(request.arena().capacity(), capacity);
         ASSERT_EQ(request.uri(false), target);
         ASSERT_EQ(request.headers().fields().data(), fields);
+    }
+}
+
+TEST(HTTP_Parser, reads_nothing_behind_what_has_arrived)
+{
+    const std::string wire = "GET /a?b HTTP/1.1\r\n"
+                             "Host: h\r\n"
+                             "X-A:\r\n"
+                             "Upgrade-Insecure-Requests: 1\r\n"
+                             "A: \t b\t\r\n"
+                             "\r\n";
+    for (size_t size = 0; size <= wire.size(); ++size) {
+        const Guarded_Text text(wire.substr(0, size));
+        ACE_Message_Block block(text.data(), text.size());
+        block.wr_ptr(text.size());
+        HTTP_Request request;
+        HTTP_Request_Parser parser;
+        const HTTP_Parser_State state = parser.parse(block, request);
+        EXPECT_EQ(state == HTTP_PARSER_STATE_HEADERS_DONE, size == wire.size()) << size;
+        EXPECT_NE(state, HTTP_PARSER_STATE_ERROR) << size;
+        EXPECT_EQ(text.view(), wire.substr(0, size)) << "the received bytes were changed";
+    }
+}
+
+TEST(HTTP_Parser, knows_every_known_name_in_any_case_and_none_that_is_nearly_one)
+{
+    for (int id = 0; id < NUM_HTTP_HEADS; ++id) {
+        if (id == HTTP_HEAD_CONTENT_LENGTH || id == HTTP_HEAD_TRANSFER_ENCODING) {
+            continue; // their values mean something
+        }
+        const std::string name(http_header_name(id));
+        for (size_t place = 0; place < name.size(); ++place) {
+            std::string other_case = name;
+            other_case[place] = static_cast<char>(other_case[place] ^ 0x20);
+            std::string other = name;
+            other[place] = other[place] == '!' ? '#' : '!';
+            Reader reader(400);
+            const std::string wire = "GET / HTTP/1.1\r\n" + other + ": 1\r\n" + name + "x: 2\r\n" +
+                                     name.substr(0, name.size() - 1) + "!: 3\r\n" +
+                                     (name[place] == '-' ? name : other_case) + ": 4\r\n\r\n";
+            ASSERT_EQ(reader.feed(wire), HTTP_PARSER_STATE_HEADERS_DONE) << wire;
+            EXPECT_STREQ(reader.request_.headers().get(id), "4") << wire;
+            for (const HTTP_Headers::Field& field : reader.request_.headers()) {
+                EXPECT_EQ(field.id == id, field.value == "4") << wire;
+            }
+        }
+    }
+}
+
+TEST(HTTP_Parser, takes_more_lines_at_once_than_it_notes_at_a_time)
+{
+    for (const int lines : {30, 31, 32, 33, 63, 64, 65, 95, 96, 97, 127, 128}) {
+        std::string fields;
+        for (int i = 0; i < lines; ++i) {
+            fields += "X-" + std::to_string(i) + ": " + std::to_string(i) + "\r\n";
+        }
+        const Outcome outcome = read("GET / HTTP/1.1\r\n" + fields + "\r\nbody", {});
+        EXPECT_EQ(outcome.state, HTTP_PARSER_STATE_HEADERS_DONE) << lines;
+        EXPECT_NE(outcome.meaning.find("X-" + std::to_string(lines - 1) + ": "), std::string::npos);
+        EXPECT_EQ(outcome.rest, "body");
     }
 }
 
