@@ -1,5 +1,6 @@
 #include "host/tls_setup.h"
 
+#include <ace/ACE.h>
 #include <ace/SSL/SSL_Context.h>
 
 #include <openssl/err.h>
@@ -10,7 +11,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <optional>
 
 namespace {
 
@@ -75,6 +78,67 @@ void set_policy(SSL_CTX* context)
     SSL_CTX_set_session_id_context(context, SESSION_CONTEXT, sizeof SESSION_CONTEXT - 1);
 }
 
+/**
+ * Keeps ACE from reading the system's certificate authorities into a new context, and their names
+ * once more for requests of client certificates: some hundred files at every start, for a server
+ * that asks for none. Without a place to look at, ACE passes them over, which it would report as an
+ * error while debugging.
+ */
+class No_Trusted_Authorities {
+public:
+    No_Trusted_Authorities()
+    {
+        ACE::debug(false);
+        file_.set("");
+        directory_.set("");
+    }
+    ~No_Trusted_Authorities()
+    {
+        ACE::debug(debug_);
+        ERR_clear_error();
+    }
+    No_Trusted_Authorities(const No_Trusted_Authorities&) = delete;
+    No_Trusted_Authorities& operator=(const No_Trusted_Authorities&) = delete;
+
+private:
+    /// A variable of the environment, restored at the end. No other thread runs yet.
+    class Variable {
+    public:
+        explicit Variable(const char* name) : name_(name)
+        {
+            if (const char* const value = std::getenv(name)) {
+                old_ = value;
+            }
+        }
+        ~Variable()
+        {
+            if (old_) {
+                set(old_->c_str());
+            } else {
+                ::unsetenv(name_);
+            }
+        }
+        Variable(const Variable&) = delete;
+        Variable& operator=(const Variable&) = delete;
+
+        void set(const char* value) { ::setenv(name_, value, 1); }
+
+    private:
+        const char* name_;
+        std::optional<std::string> old_;
+    };
+
+    const bool debug_ = ACE::debug();
+    Variable file_{"SSL_CERT_FILE"};
+    Variable directory_{"SSL_CERT_DIR"};
+};
+
+bool create_context(ACE_SSL_Context& holder)
+{
+    const No_Trusted_Authorities none;
+    return holder.set_mode(ACE_SSL_Context::SSLv23_server) == 0 && holder.context() != nullptr;
+}
+
 bool load_pair(SSL_CTX* context, const std::string& certificate, const std::string& private_key,
                std::string& error)
 {
@@ -107,7 +171,7 @@ bool load_pair(SSL_CTX* context, const std::string& certificate, const std::stri
 bool setup_tls(const std::string& certificate, const std::string& private_key, std::string& error)
 {
     ACE_SSL_Context* const holder = ACE_SSL_Context::instance();
-    if (holder->set_mode(ACE_SSL_Context::SSLv23_server) == -1 || holder->context() == nullptr) {
+    if (!create_context(*holder)) {
         error = "cannot create the TLS context: " + openssl_reason();
         return false;
     }
