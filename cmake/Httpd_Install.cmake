@@ -15,6 +15,7 @@ set(HTTPD_PUBLIC_HEADERS
     http_io_ostreambuf.h
     http_options.h
     object_creator_t.h
+    send_open_file.h
     simple_creator_t.h
     utils.h
     websocket_handler.h

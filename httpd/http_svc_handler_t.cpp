@@ -13,6 +13,7 @@
 #include "httpd/lingering_close.h"
 #include "httpd/thread_name.h"
 #include "httpd/websocket_handler_creator_map.h"
+#include "support/file_send.h"
 #include "support/fixed_block_file_reader_t.h"
 #include "support/http_chunk_iovec.h"
 #include "support/http_header_value.h"
@@ -34,6 +35,7 @@
 #include <ace/Timer_Queue.h>
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -76,6 +78,7 @@ ACE_Message_Queue<Sync>* unused_queue()
 
 } // namespace
 
+#include "httpd/http_svc_handler_t_file.ipp"
 #include "httpd/http_svc_handler_t_life.ipp"
 #include "httpd/http_svc_handler_t_receive.ipp"
 #include "httpd/http_svc_handler_t_send.ipp"

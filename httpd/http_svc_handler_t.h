@@ -32,7 +32,7 @@
  * stream.
  *
  * The class lies in several files, one for each side: http_svc_handler_t_life.ipp (open, close,
- * threads, addresses), _timers.ipp, _receive.ipp, _send.ipp and _websocket.ipp.
+ * threads, addresses), _timers.ipp, _receive.ipp, _send.ipp, _file.ipp and _websocket.ipp.
  */
 template <typename Stream, typename Sync>
 class HTTP_Svc_Handler_T : public ACE_Svc_Handler<Stream, Sync>,
@@ -109,6 +109,11 @@ protected:
     ACE_HANDLE output_handle() const override;
     Frame_State frame_state() const override;
     ssize_t sendv_now(const iovec* iov, int count) override;
+
+    // --- Loop_IO: sending from a file ---
+    bool sends_from_files() const override;
+    int send_file_part(int file, off_t offset, size_t length, size_t block_size, bool last,
+                       File_Sent::Outcome& outcome) override;
 
     // --- life, for a connection whose handle_close frees nothing and whose owner does ---
     /**
@@ -198,7 +203,11 @@ private:
     int headers_chunked_sent(size_t payload, bool piece, bool keep, bool last);
     int body_content_sent(size_t payload, bool last);
     int body_chunked_sent(size_t payload, bool last);
+    int headers_failed() const;
     int body_failed() const;
+    int send_file_in_parts(const char* path, int file, size_t size, size_t block_size);
+    int send_file_block(int file, off_t offset, size_t length, bool last, File_Sent& sent);
+    void set_nonblocking(bool on);
     int finish_send(int result);
 
     // --- WebSocket ---
@@ -243,6 +252,7 @@ private:
     bool released_ = false;                ///< handle_close_i has run
     bool logged_ = false;                  ///< the current request has its access-log line
     bool header_received_ = false;         ///< the current request's header is complete
+    bool nonblocking_ = false;             ///< the socket's mode, changed to send from a file
     std::atomic<bool> close_asked_{false}; ///< by a send while reading was suspended
     std::atomic<unsigned> wakes_{0};       ///< changes when a suspended worker is to look again
     std::atomic<bool> interrupted_{false}; ///< the service ends; a worker thread is to stop

@@ -90,6 +90,12 @@ int HTTP_Svc_Handler_T<Stream, Sync>::write_headers(iovec* iov, int head_entries
         Stream_IO::sendv(this->peer(), iov, head_entries + body_entries) != -1) {
         return 0;
     }
+    return this->headers_failed();
+}
+
+template <typename Stream, typename Sync>
+int HTTP_Svc_Handler_T<Stream, Sync>::headers_failed() const
+{
     HTTPD_ERROR("Failed to send headers to HTTP client %s: %m",
                 addr_string_type(remote_addr_, WITH_PORT).c_str());
     return -1;
@@ -313,49 +319,4 @@ int HTTP_Svc_Handler_T<Stream, Sync>::send_error(int status, const void* body, s
     response_.content_length(body != nullptr ? length : 0);
     constexpr bool LAST = true;
     return this->send(body, length, LAST);
-}
-
-template <typename Stream, typename Sync>
-int HTTP_Svc_Handler_T<Stream, Sync>::send_file(const char* path)
-{
-    const HTTP_Options* const options = HTTP_Options::instance();
-    Fixed_Block_File_Reader_T<char, File_Buffer_T<char>> reader;
-    constexpr int READ_ONLY_CLOEXEC = O_RDONLY | O_CLOEXEC;
-    constexpr unsigned int PERMISSIONS = 0640;
-    constexpr bool EXCLUSIVE = false;
-    if (!reader.open(path, options->file_read_buffer_size(), READ_ONLY_CLOEXEC,
-                     options->read_ahead(), options->read_discard_cache(), PERMISSIONS, EXCLUSIVE,
-                     std::function<bool(const char*)>())) {
-        HTTPD_ERROR("Failed to open file %s to read, errno=%d, %m", path, errno);
-        return -1;
-    }
-    ACE_FILE_Info info;
-    if (!reader.get_info(info)) {
-        HTTPD_ERROR("Failed to get file %s info, errno=%d, %m", path, errno);
-        return -1;
-    }
-    if (!response_.chunked_transfer_encoding()) {
-        response_.content_length(static_cast<std::uint64_t>(info.size_));
-    }
-    const char* const dot = std::strrchr(path, '.');
-    response_.content_type(mime_type(dot != nullptr ? dot + 1 : path));
-
-    while (info.size_ > 0) {
-        void* data = nullptr;
-        long length = 0;
-        if (!reader.read(data, length)) {
-            HTTPD_ERROR("Failed to read data from file %s, errno=%d, %m", path, errno);
-            return -1;
-        }
-        if (data == nullptr || length < 1) {
-            break;
-        }
-        constexpr bool MORE = false;
-        if (this->send(data, static_cast<size_t>(length), MORE) == -1) {
-            return -1;
-        }
-    }
-    constexpr bool LAST = true;
-    return this->response_state() != HTTP_SOCK_STATE_CONTENT_SENT ? this->send(nullptr, 0, LAST)
-                                                                  : 0;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "httpd/websocket_io.h"
+#include "support/file_send.h"
 
 #include <ace/os_include/sys/os_types.h>
 
@@ -21,9 +22,10 @@ protected:
 };
 
 /**
- * What the library itself needs of a WebSocket connection to push to it from its event loop without
- * ever waiting. Between WebSocket_IO and the connection engine, since the slots of WebSocket_IO are
- * laid down. Every operation is called by the thread that drives the connection.
+ * What the library itself needs of a connection: to push to a WebSocket client from its event loop
+ * without ever waiting, and to send from an open file. Between WebSocket_IO and the connection
+ * engine, since the slots of WebSocket_IO are laid down. Every operation is called by the thread
+ * that drives the connection, those that send a response also by one that the plug-in chose.
  */
 class HTTPD_EXPORT Loop_IO : public WebSocket_IO {
 public:
@@ -47,6 +49,23 @@ public:
      *         offered again, unchanged and in front of whatever else is sent.
      */
     virtual ssize_t sendv_now(const iovec* iov, int count) = 0;
+
+    /**
+     * Whether send_file_part() may be called for what comes next: the stream is a plain socket, the
+     * response not chunked and neither complete nor without a body. The default is no.
+     */
+    virtual bool sends_from_files() const;
+
+    /**
+     * Sends a part of an open file as HTTP_IO::send() would that is called for each block of it.
+     * @param length   more than 0
+     * @param last     of the call for the last block
+     * @param outcome  what became of the file; unless COMPLETE nothing more of it has been sent
+     * @return that of the last call, when it failed or `outcome` is COMPLETE or FILE_ENDED; -1 for
+     *         READ_FAILED with errno, which is not logged.
+     */
+    virtual int send_file_part(int file, off_t offset, size_t length, size_t block_size, bool last,
+                               File_Sent::Outcome& outcome);
 
     /// Null (the default): frames go straight to the stream, and wait for room. Not owned.
     Frame_Output* frame_output() const { return frame_output_; }

@@ -1,5 +1,6 @@
 // Responses whose body is a file.
 
+#include "tests/support/listener_server.h"
 #include "tests/support/log_lines.h"
 #include "tests/support/probe_server.h"
 
@@ -11,6 +12,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 
 namespace {
 
@@ -230,4 +233,72 @@ TEST(HTTP_Send_File, failing_read_is_logged)
         GTEST_SKIP() << path << " does not fail here";
     }
     expect_refused(path, "Failed to read data from file " + path + ", errno=22, Invalid argument");
+}
+
+/// Streams that take files from the system, and one that is written to.
+class HTTP_Send_File_Over : public testing::TestWithParam<Listener_Kind> {
+protected:
+    static constexpr size_t LARGE = 16U * 1024 * 1024; ///< more than the socket buffers hold
+
+    void start(const std::vector<std::string>& options = {})
+    {
+        path_ = folder_.write("large.bin", content_of(LARGE));
+        server_ = std::make_unique<Listener_Server>(GetParam(), with_options(options));
+        client_ = server_->connect();
+        ASSERT_NE(nullptr, client_);
+        peer_ = GetParam() == Listener_Kind::UNIX ? "[::]:0" : client_name(*client_);
+        ASSERT_TRUE(client_->send(get_request("/probe/thread/file?" + path_)));
+        ASSERT_EQ("HTTP/1.1 200 OK\r\n", client_->read_exactly(17));
+    }
+
+    Temporary_Folder folder_;
+    std::string path_;
+    std::string peer_; ///< as log lines name it
+    std::unique_ptr<Listener_Server> server_;
+    std::unique_ptr<Wire_Client> client_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Every, HTTP_Send_File_Over,
+                         testing::Values(Listener_Kind::TCP, Listener_Kind::UNIX,
+                                         Listener_Kind::TLS));
+
+TEST_P(HTTP_Send_File_Over, file_that_shrinks_while_it_is_sent_ends_short)
+{
+    this->start();
+    std::filesystem::resize_file(path_, 1024);
+    const std::string rest = client_->read_to_end();
+    EXPECT_TRUE(client_->at_end());
+    EXPECT_LT(rest.size(), LARGE);
+    EXPECT_EQ(0, server_->host().stop(SIGTERM));
+    // The request, whose response is not complete, is taken for one whose body is still to come.
+    EXPECT_EQ((std::vector<std::string>{"HTTP request is lack of Content-Length."}),
+              lines_of(server_->host(), "ERROR"));
+}
+
+TEST_P(HTTP_Send_File_Over, client_that_never_reads_is_given_up)
+{
+    this->start({"--socket-send-timeout=1"});
+    EXPECT_TRUE(server_->host().wait_for_log(" to HTTP client " + peer_ + ": Timer expired"));
+    const std::string rest = client_->read_to_end();
+    EXPECT_LT(rest.size(), LARGE);
+    EXPECT_EQ(0, server_->host().stop(SIGTERM));
+    EXPECT_EQ(1U, lines_of(server_->host(), "ERROR").size()) << server_->host().log_text();
+}
+
+TEST_P(HTTP_Send_File_Over, access_log_counts_the_blocks_that_were_taken)
+{
+    const std::string log = folder_.path() + "/access.log";
+    this->start({"-l", log});
+    client_->read_exactly(LARGE / 2);
+    client_.reset();
+    EXPECT_TRUE(server_->host().wait_for_log("Failed to send body to HTTP client " + peer_));
+    EXPECT_EQ(0, server_->host().stop(SIGTERM));
+    EXPECT_EQ(1U, lines_of(server_->host(), "ERROR").size()) << server_->host().log_text();
+    std::ifstream file(log);
+    std::string line;
+    ASSERT_TRUE(std::getline(file, line));
+    const long sent = std::stol(line.substr(line.rfind(' ') + 1));
+    EXPECT_GE(sent, static_cast<long>(LARGE / 4)) << line;
+    EXPECT_LT(sent, static_cast<long>(LARGE)) << line;
+    EXPECT_EQ(sent % (256 * 1024), 0) << line;
 }
