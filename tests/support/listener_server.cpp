@@ -1,6 +1,5 @@
 #include "tests/support/listener_server.h"
 
-#include "tests/support/environment_variable.h"
 #include "tests/support/mem_client.h"
 #include "tests/support/tls_files.h"
 
@@ -28,9 +27,6 @@ Listener_Server::Listener_Server(Listener_Kind kind, const Probe_Server::Setup& 
     add_records("-a", "auth.json", setup.authenticators);
     add_records("-w", "websocket.json", setup.websockets);
     command.service.insert(command.service.end(), setup.options.begin(), setup.options.end());
-    // No client of a test has a certificate: reading the system's authorities takes half a second.
-    const Environment_Variable no_authorities("SSL_CERT_FILE", "/dev/null");
-    const Environment_Variable no_folder("SSL_CERT_DIR", "/dev/null");
     host_ = std::make_unique<Host_Process>(command);
 }
 

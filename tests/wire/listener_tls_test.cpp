@@ -1,3 +1,4 @@
+#include "tests/support/environment_variable.h"
 #include "tests/support/exact_line.h"
 #include "tests/support/listener_checks.h"
 #include "tests/support/listener_server.h"
@@ -9,6 +10,7 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <csignal>
 
@@ -84,6 +86,18 @@ TEST(HTTP_TLS_Listener, is_called_HTTPS)
     EXPECT_TRUE(wait_for_exact_line(server.host(),
                                     "INFO HTTPS " + server.address() + ":8443 is listening."));
     EXPECT_EQ(0, server.host().stop(SIGTERM));
+}
+
+TEST(HTTP_TLS_Listener, starts_without_reading_certificate_authorities)
+{
+    const Temporary_Folder folder;
+    const std::string fifo = folder.path() + "/fifo"; // who opens it waits for a writer
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    const Environment_Variable authorities("SSL_CERT_FILE", fifo);
+    Listener_Server server(Listener_Kind::TLS);
+    expect_service(server);
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+    EXPECT_EQ(0U, server.host().count_log("ACE_SSL")) << server.host().log_text();
 }
 
 TEST(HTTP_TLS_Listener, tells_plug_ins_of_the_peer_and_of_encryption)
