@@ -1,8 +1,8 @@
 #include "plugins/files/files_handler.h"
 
 #include "httpd/http_io.h"
+#include "httpd/send_open_file.h"
 #include "plugins/files/request_path.h"
-#include "plugins/files/send_buffer.h"
 #include "support/http_date.h"
 #include "support/log.h"
 
@@ -29,27 +29,6 @@ int send_empty(HTTP_IO& io, int status)
     }
     io.response().status(status);
     return io.send(nullptr, 0, true);
-}
-
-/// Reads `length` bytes unless the file ends before. @return how many, or -1 with errno.
-ssize_t read_at(int fd, char* buffer, size_t length, std::uint64_t offset)
-{
-    size_t done = 0;
-    while (done < length) {
-        const ssize_t n =
-            ::pread(fd, buffer + done, length - done, static_cast<off_t>(offset + done));
-        if (n == -1 && errno == EINTR) {
-            continue;
-        }
-        if (n == -1) {
-            return -1;
-        }
-        if (n == 0) {
-            break;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return static_cast<ssize_t>(done);
 }
 
 } // namespace
@@ -107,12 +86,9 @@ int Files_Handler::handle_body(HTTP_IO&, const void*, size_t)
 void Files_Handler::prepare(const HTTP_Request& request, size_t offset) const
 {
     offset_ = offset;
-    status_ = file_.locate(context_.root_, context_.options_, request, offset);
+    status_ = file_.locate(context_.root_, context_.options_, context_.cache_, request, offset);
     if (status_ == 200) {
-        const struct stat& status = file_.status();
-        version_.emplace(File_Version{Entity_Tag(status, file_.compressed()), status.st_mtim.tv_sec,
-                                      file_.size()});
-        answer_ = file_answer(request, *version_);
+        answer_ = file_answer(request, file_.version());
     }
 }
 
@@ -130,8 +106,9 @@ bool Files_Handler::any_large_file(const HTTP_Request& request) const
             return true;
         }
         Located_File candidate;
-        if (candidate.locate(context_.root_, context_.options_, request, i + 1) == 200 &&
-            candidate.size() > context_.options_.thread_size_) {
+        if (candidate.locate(context_.root_, context_.options_, context_.cache_, request, i + 1) ==
+                200 &&
+            candidate.version().size_ > context_.options_.thread_size_) {
             return true;
         }
     }
@@ -142,11 +119,16 @@ bool Files_Handler::any_large_file(const HTTP_Request& request) const
 void Files_Handler::put_validators(HTTP_Response& response) const
 {
     HTTP_Headers& headers = response.headers();
-    headers.put(HTTP_HEAD_ETAG, version_->tag_.view());
-    // RFC 9110, section 8.8.2.1: never later than the time of the answer.
-    char date[HTTP_DATE_SIZE];
-    http_date_format(std::min(version_->modified_, std::time(nullptr)), date);
-    headers.put(HTTP_HEAD_LAST_MODIFIED, std::string_view(date, HTTP_DATE_LENGTH));
+    const File_Form& form = file_.form();
+    headers.put(HTTP_HEAD_ETAG, form.version().tag_.view());
+    if (!form.last_modified().empty()) {
+        headers.put(HTTP_HEAD_LAST_MODIFIED, form.last_modified());
+    } else {
+        // RFC 9110, section 8.8.2.1: never later than the time of the answer.
+        char date[HTTP_DATE_SIZE];
+        http_date_format(std::min(form.version().modified_, std::time(nullptr)), date);
+        headers.put(HTTP_HEAD_LAST_MODIFIED, std::string_view(date, HTTP_DATE_LENGTH));
+    }
     if (file_.has_compressed()) {
         headers.put(HTTP_HEAD_VARY, "Accept-Encoding");
     }
@@ -167,7 +149,7 @@ int Files_Handler::answer_file(HTTP_IO& io)
     char range[80];
     if (answer_.status_ == 416) {
         std::snprintf(range, sizeof(range), "bytes */%llu",
-                      static_cast<unsigned long long>(version_->size_));
+                      static_cast<unsigned long long>(file_.version().size_));
         response.headers().put(HTTP_HEAD_CONTENT_RANGE, range);
         return send_empty(io, 416);
     }
@@ -181,7 +163,7 @@ int Files_Handler::answer_file(HTTP_IO& io)
         std::snprintf(range, sizeof(range), "bytes %llu-%llu/%llu",
                       static_cast<unsigned long long>(answer_.offset_),
                       static_cast<unsigned long long>(answer_.offset_ + answer_.length_ - 1),
-                      static_cast<unsigned long long>(version_->size_));
+                      static_cast<unsigned long long>(file_.version().size_));
         response.headers().put(HTTP_HEAD_CONTENT_RANGE, range);
     }
     if (file_.compressed()) {
@@ -246,7 +228,7 @@ int Files_Handler::not_modified(HTTP_IO& io) const
     HTTP_Response& response = io.response();
     response.status(304);
     if (!has_body(io.request())) {
-        response.content_length(version_->size_);
+        response.content_length(file_.version().size_);
     }
     put_validators(response);
     const int result = io.send(nullptr, 0, true);
@@ -260,43 +242,17 @@ int Files_Handler::not_modified(HTTP_IO& io) const
 }
 
 /**
- * Sends the body from the descriptor that was checked. The header leaves with the first block, so a
- * file of one block is one read and one write. No more than the announced length is sent; a file
- * that has become shorter ends the connection short of it, so that the client sees the loss.
+ * Sends the body from what was checked. The header leaves with its first bytes. No more than the
+ * announced length is sent; a file that has become shorter ends the connection short of it, so that
+ * the client sees the loss.
  */
 int Files_Handler::send_content(HTTP_IO& io) const
 {
-    std::uint64_t offset = answer_.offset_;
-    std::uint64_t left = answer_.length_;
-    if (left == 0) {
-        return io.send(nullptr, 0, true);
+    constexpr bool LAST = true;
+    const File_Form& form = file_.form();
+    if (form.content() != nullptr) {
+        return io.send(form.content() + answer_.offset_, static_cast<size_t>(answer_.length_),
+                       LAST);
     }
-    char* const buffer = send_buffer();
-    if (buffer == nullptr) {
-        HTTPD_ERROR("Failed to allocate a buffer for '%C', errno=%d, %m", io.request().uri(true),
-                    errno);
-        return -1;
-    }
-    int result = 0;
-    while (left > 0) {
-        const size_t wanted = static_cast<size_t>(std::min<std::uint64_t>(left, SEND_BUFFER_SIZE));
-        const ssize_t n = read_at(file_.fd(), buffer, wanted, offset);
-        if (n == -1) {
-            HTTPD_ERROR("Failed to read the file of '%C', errno=%d, %m", io.request().uri(true),
-                        errno);
-            return -1;
-        }
-        if (static_cast<size_t>(n) < wanted) {
-            HTTPD_ERROR("The file of '%C' became shorter while it was sent",
-                        io.request().uri(true));
-            return -1;
-        }
-        left -= wanted;
-        offset += wanted;
-        result = io.send(buffer, wanted, left == 0);
-        if (result == -1) {
-            return -1;
-        }
-    }
-    return result;
+    return send_open_file(io, form.fd(), answer_.offset_, answer_.length_, LAST);
 }

@@ -5,7 +5,6 @@
 #include "plugins/files/located_file.h"
 
 #include <atomic>
-#include <optional>
 
 class HTTP_Response;
 
@@ -13,8 +12,11 @@ class HTTP_Response;
 struct Files_Context {
     static constexpr size_t UNKNOWN_OFFSET = static_cast<size_t>(-1);
 
+    explicit Files_Context(File_Cache::Clock clock) : cache_(clock) {}
+
     File_Options options_;
     Root_Directory root_;
+    File_Cache cache_;
 
     /// Where paths go on below the record's URI: told with the first request that is handled.
     std::atomic<size_t> uri_offset_{UNKNOWN_OFFSET};
@@ -41,11 +43,10 @@ private:
 
     Files_Context& context_;
 
-    // Found when concurrency() is asked and kept for handle_request(), so that a file is opened
+    // Found when concurrency() is asked and kept for handle_request(), so that a file is looked up
     // once.
     mutable Located_File file_;
     mutable size_t offset_ = Files_Context::UNKNOWN_OFFSET; ///< that file_ was located with
     mutable int status_ = 0;                                ///< of locating it
-    mutable std::optional<File_Version> version_;           ///< when status_ is 200
     mutable File_Answer answer_{};                          ///< when status_ is 200
 };

@@ -6,6 +6,10 @@
 #include "support/log.h"
 #include "support/mime_type.h"
 
+#include <cerrno>
+#include <new>
+#include <utility>
+
 namespace {
 
 /// What a client is told when a file cannot be opened; failures of this system are logged.
@@ -40,14 +44,69 @@ bool wants_gzip(const HTTP_Request& request)
     return accepted != nullptr && accepts_gzip(accepted);
 }
 
+/// Opens a name below the root. Descriptors that the cache holds are given up for it.
+Unique_Fd open_below(const Root_Directory& root, const char* name, File_Cache& cache)
+{
+    Unique_Fd file(root.open_file(name));
+    if (!file && (errno == EMFILE || errno == ENFILE)) {
+        const int error = errno;
+        if (cache.clear()) {
+            file.reset(root.open_file(name));
+        } else {
+            errno = error;
+        }
+    }
+    return file;
+}
+
 } // namespace
 
-int Located_File::locate(const Root_Directory& root, const File_Options& options,
+int Located_File::locate(const Root_Directory& root, const File_Options& options, File_Cache& cache,
                          const HTTP_Request& request, size_t offset)
 {
     close();
-    compressed_ = false;
-    has_compressed_ = false;
+    const std::string_view path(request.uri(true));
+    std::string_view name;
+    // The URI itself names a directory with its slash and is redirected without.
+    const bool cacheable =
+        Request_Path::below(path, offset, name) && (!name.empty() || path.back() == '/');
+    if (cacheable && take(cache.find(name), request) && form_->is_unchanged()) {
+        return 200;
+    }
+    close();
+    std::shared_ptr<Found_File> file;
+    const int status = open(root, options, cache, request, offset, file);
+    if (status == 200) {
+        if (cacheable) {
+            cache.put(name, file);
+        }
+        take(std::move(file), request);
+    }
+    return status;
+}
+
+void Located_File::close()
+{
+    form_ = nullptr;
+    file_.reset();
+}
+
+/// Holds the file, if there is one, and chooses its form.
+bool Located_File::take(std::shared_ptr<const Found_File> file, const HTTP_Request& request)
+{
+    file_ = std::move(file);
+    if (file_ == nullptr) {
+        return false;
+    }
+    form_ = file_->compressed_ && wants_gzip(request) ? &*file_->compressed_ : &*file_->plain_;
+    return true;
+}
+
+/// Looks the name up. @return see locate().
+int Located_File::open(const Root_Directory& root, const File_Options& options, File_Cache& cache,
+                       const HTTP_Request& request, size_t offset,
+                       std::shared_ptr<Found_File>& file)
+{
     Request_Path path;
     if (!path.decode(request.uri(true), offset)) {
         return 404;
@@ -58,36 +117,32 @@ int Located_File::locate(const Root_Directory& root, const File_Options& options
     if (path.ends_with_slash() && !path.enter(options.index_)) {
         return 404;
     }
-    Unique_Fd file(root.open_file(path.c_str()));
-    if (!file) {
+    struct stat status {};
+    Unique_Fd plain(open_below(root, path.c_str(), cache));
+    if (!plain || ::fstat(plain.get(), &status) == -1) {
         return status_of_error(request, errno);
     }
-    if (::fstat(file.get(), &status_) == -1) {
-        return status_of_error(request, errno);
-    }
-    if (S_ISDIR(status_.st_mode)) {
+    if (S_ISDIR(status.st_mode)) {
         return path.ends_with_slash() ? 404 : 301;
     }
-    if (!S_ISREG(status_.st_mode)) {
+    if (!S_ISREG(status.st_mode)) {
         return 404;
     }
-    fd_ = std::move(file);
-    content_type_ = mime_type(path.extension());
+    try {
+        file = std::make_shared<Found_File>();
+    } catch (const std::bad_alloc&) {
+        return status_of_error(request, ENOMEM);
+    }
+    constexpr bool COMPRESSED = true;
+    file->content_type_ = mime_type(path.extension());
+    file->plain_.emplace(std::move(plain), status, !COMPRESSED);
 
     // Its being there is worth knowing also for a client that does not take it: Vary depends on it.
-    if (!path.append(".gz")) {
-        return 200;
-    }
-    Unique_Fd sibling(root.open_file(path.c_str()));
-    struct stat status {};
-    if (!sibling || ::fstat(sibling.get(), &status) == -1 || !S_ISREG(status.st_mode)) {
-        return 200;
-    }
-    has_compressed_ = true;
-    if (wants_gzip(request)) {
-        compressed_ = true;
-        fd_ = std::move(sibling);
-        status_ = status;
+    if (path.append(".gz")) {
+        Unique_Fd sibling(root.open_file(path.c_str()));
+        if (sibling && ::fstat(sibling.get(), &status) == 0 && S_ISREG(status.st_mode)) {
+            file->compressed_.emplace(std::move(sibling), status, COMPRESSED);
+        }
     }
     return 200;
 }

@@ -45,25 +45,31 @@ bool is_served_name(std::string_view name)
 
 } // namespace
 
-bool Request_Path::decode(std::string_view path, size_t offset)
+bool Request_Path::below(std::string_view path, size_t offset, std::string_view& names)
 {
-    length_ = 0;
-    text_[0] = '\0';
-    canonical_ = true;
     if (path.empty() || path[0] != '/' || offset > path.size()) {
         return false;
     }
-    slash_ = path.back() == '/';
-    std::string_view names = path.substr(offset);
-    if (offset == 0 || path[offset - 1] != '/') { // the URI was given without its slash
-        if (names.empty()) {
-            return true;
-        }
+    names = path.substr(offset);
+    if (!names.empty() && (offset == 0 || path[offset - 1] != '/')) { // the URI has no slash
         if (names[0] != '/') {
             return false;
         }
         names.remove_prefix(1);
     }
+    return true;
+}
+
+bool Request_Path::decode(std::string_view path, size_t offset)
+{
+    length_ = 0;
+    text_[0] = '\0';
+    canonical_ = true;
+    std::string_view names;
+    if (!below(path, offset, names)) {
+        return false;
+    }
+    slash_ = path.back() == '/';
     if (names.empty()) {
         return true;
     }

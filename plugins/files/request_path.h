@@ -19,6 +19,12 @@ public:
      */
     bool decode(std::string_view path, size_t offset);
 
+    /**
+     * What of a request's path stands below the plug-in's own URI, as it is spelt.
+     * @return false when the offset is at no border of a name.
+     */
+    static bool below(std::string_view path, size_t offset, std::string_view& names);
+
     /// Relative to the root; "" is the root itself. No slash at either end.
     const char* c_str() const { return text_; }
 

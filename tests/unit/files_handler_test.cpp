@@ -1,5 +1,5 @@
+#include "httpd/detail/file_block.h"
 #include "plugins/files/files_creator.h"
-#include "plugins/files/send_buffer.h"
 #include "support/http_date.h"
 #include "support/mime_type.h"
 #include "tests/support/fake_http_io.h"
@@ -26,6 +26,8 @@ constexpr const char* MODIFIED_TEXT = "Sun, 09 Sep 2001 01:46:40 GMT";
 constexpr const char* EARLIER_TEXT = "Sun, 09 Sep 2001 01:46:39 GMT";
 constexpr const char* LATER_TEXT = "Sun, 09 Sep 2001 01:46:41 GMT";
 
+std::int64_t now_ms = 1'000'000; ///< the clock of the cache
+
 int open_descriptors()
 {
     DIR* const directory = ::opendir("/proc/self/fd");
@@ -41,6 +43,7 @@ class Files_Handler_Answer : public testing::Test {
 protected:
     void SetUp() override
     {
+        descriptors_ = open_descriptors();
         write("page.html", "0123456789");
         write("index.html", "root index");
         write("dir/index.html", "dir index");
@@ -53,6 +56,12 @@ protected:
         write(".well-known/acme", "token");
         scratch_.write("secret", "secret");
         fs::create_symlink("../secret", scratch_.path("root/outside"));
+    }
+
+    void TearDown() override
+    {
+        creator_.reset();
+        EXPECT_EQ(open_descriptors(), descriptors_);
     }
 
     void write(const std::string& name, std::string_view content) const
@@ -77,7 +86,7 @@ protected:
         for (std::string& argument : arguments) {
             argv.push_back(argument.data());
         }
-        creator_.emplace();
+        creator_.emplace([] { return now_ms; });
         ASSERT_EQ(creator_->init(static_cast<int>(argv.size()), argv.data()), 0);
     }
 
@@ -90,11 +99,11 @@ protected:
         }
         io_.begin(method, target, fields, minor_version);
         io_.uri_off(offset);
-        const int before = open_descriptors();
         HTTP_Handler* const handler = creator_->create();
         const int result = io_.run(*handler, body);
-        EXPECT_EQ(open_descriptors(), before) << "while the handler waits for the next request";
+        const int waiting = open_descriptors();
         creator_->destroy(handler);
+        EXPECT_EQ(open_descriptors(), waiting) << "while the handler waits for the next request";
         EXPECT_EQ(io_.wrong_state_calls(), 0);
         EXPECT_TRUE(io_.complete());
         return result;
@@ -105,9 +114,13 @@ protected:
         return serve("GET", target, fields);
     }
 
+    /// What the cache holds is looked up again from now on.
+    static void let_a_second_pass() { now_ms += File_Cache::FRESH_MS; }
+
     Temp_Dir scratch_;
     std::optional<Files_Creator> creator_;
     Fake_HTTP_IO io_;
+    int descriptors_ = 0;
 };
 
 TEST_F(Files_Handler_Answer, is_the_file_with_its_fields)
@@ -130,7 +143,7 @@ TEST_F(Files_Handler_Answer, leaves_with_its_header_in_one_write)
 {
     get("/page.html");
     EXPECT_EQ(io_.sends().size(), 1U);
-    write("block", std::string(SEND_BUFFER_SIZE, 'x'));
+    write("block", std::string(FILE_BLOCK_SIZE, 'x'));
     get("/block");
     EXPECT_EQ(io_.sends().size(), 1U);
     get("/empty/file.txt");
@@ -271,7 +284,7 @@ TEST_F(Files_Handler_Answer, is_503_when_there_are_no_descriptors)
 {
     configure();
     get("/page.html");
-    io_.begin("GET", "/page.html");
+    io_.begin("GET", "/noext");
     HTTP_Handler* const handler = creator_->create();
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -283,7 +296,7 @@ TEST_F(Files_Handler_Answer, is_503_when_there_are_no_descriptors)
     creator_->destroy(handler);
     EXPECT_EQ(result, 0);
     EXPECT_EQ(io_.status(), 503);
-    EXPECT_EQ(log.count(LM_ERROR, "Failed to open the file of '/page.html', errno=24"), 1U);
+    EXPECT_EQ(log.count(LM_ERROR, "Failed to open the file of '/noext', errno=24"), 1U);
 }
 
 TEST_F(Files_Handler_Answer, serves_well_known_names)
@@ -589,10 +602,10 @@ TEST_F(Files_Handler_Answer, never_tells_a_modification_in_the_future)
 TEST_F(Files_Handler_Answer, sends_a_large_file_in_blocks)
 {
     std::string content;
-    for (int i = 0; content.size() < 3 * SEND_BUFFER_SIZE + 17; ++i) {
+    for (int i = 0; content.size() < 3 * FILE_BLOCK_SIZE + 17; ++i) {
         content += std::to_string(i);
     }
-    content.resize(3 * SEND_BUFFER_SIZE + 17);
+    content.resize(3 * FILE_BLOCK_SIZE + 17);
     write("large", content);
     EXPECT_EQ(get("/large"), 0);
     EXPECT_TRUE(io_.body() == content);
@@ -608,7 +621,7 @@ class Files_Handler_Failure : public Files_Handler_Answer {};
 TEST_F(Files_Handler_Failure, of_any_send_ends_the_request)
 {
     configure();
-    write("large", std::string(3 * SEND_BUFFER_SIZE, 'x'));
+    write("large", std::string(3 * FILE_BLOCK_SIZE, 'x'));
     for (int n = 0; n < 3; ++n) {
         io_.begin("GET", "/large");
         io_.uri_off(1);
@@ -630,14 +643,15 @@ TEST_F(Files_Handler_Failure, of_any_send_ends_the_request)
 TEST_F(Files_Handler_Failure, of_a_file_that_shrinks_ends_the_request)
 {
     configure();
+    write("large", std::string(20'000, 'x'));
     get("/page.html");
     Log_Capture log;
-    io_.begin("GET", "/page.html");
+    io_.begin("GET", "/large");
     HTTP_Handler* const handler = creator_->create();
     handler->concurrency(io_.request(), HTTP_Handler::HEADER);
-    fs::resize_file(scratch_.path("root/page.html"), 4);
+    fs::resize_file(scratch_.path("root/large"), 4);
     EXPECT_EQ(handler->handle_request(io_), -1);
-    EXPECT_EQ(log.count(LM_ERROR, "The file of '/page.html' became shorter"), 1U);
+    EXPECT_EQ(log.count(LM_ERROR, "The file of '/large' became shorter"), 1U);
     EXPECT_EQ(io_.body(), "");
     creator_->destroy(handler);
 }
@@ -653,6 +667,206 @@ TEST_F(Files_Handler_Answer, has_no_more_bytes_than_announced_when_the_file_grow
     EXPECT_EQ(handler->handle_request(io_), 0);
     EXPECT_EQ(io_.body(), "0123456789");
     creator_->destroy(handler);
+
+    write("large", std::string(20'000, 'x'));
+    io_.begin("GET", "/large");
+    HTTP_Handler* const other = creator_->create();
+    other->concurrency(io_.request(), HTTP_Handler::HEADER);
+    scratch_.write("root/large", std::string(30'000, 'x'));
+    EXPECT_EQ(other->handle_request(io_), 0);
+    EXPECT_EQ(io_.body(), std::string(20'000, 'x'));
+    creator_->destroy(other);
+}
+
+/// Small files are kept with their content, larger ones open, the largest not at all.
+class Files_Handler_Cache : public Files_Handler_Answer,
+                            public testing::WithParamInterface<size_t> {
+protected:
+    std::string old_text() const { return std::string(GetParam(), 'o'); }
+    std::string new_text() const { return std::string(GetParam() + 1, 'n'); }
+    /// Its content is held; of a file that is held open, also its end and its successor are seen.
+    bool is_kept() const { return GetParam() <= File_Cache::MAX_CONTENT; }
+
+    void SetUp() override
+    {
+        Files_Handler_Answer::SetUp();
+        write("file", old_text());
+        get("/file");
+        EXPECT_TRUE(io_.body() == old_text());
+    }
+
+    /// The file as it is asked for now.
+    bool is(const std::string& text)
+    {
+        get("/file");
+        return io_.status() == 200 && io_.body() == text &&
+               io_.field("Content-Length") == std::to_string(text.size());
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Sizes, Files_Handler_Cache,
+                         testing::Values(size_t{0}, size_t{10}, size_t{File_Cache::MAX_CONTENT},
+                                         size_t{File_Cache::MAX_CONTENT + 1},
+                                         size_t{File_Cache::MAX_SIZE},
+                                         size_t{File_Cache::MAX_SIZE + 1}));
+
+TEST_P(Files_Handler_Cache, serves_a_file_that_was_replaced_within_a_second)
+{
+    write("new", new_text());
+    fs::rename(scratch_.path("root/new"), scratch_.path("root/file"));
+    EXPECT_TRUE(is(is_kept() ? old_text() : new_text()));
+    let_a_second_pass();
+    EXPECT_TRUE(is(new_text()));
+}
+
+TEST_P(Files_Handler_Cache, ends_a_file_that_was_removed_within_a_second)
+{
+    fs::remove(scratch_.path("root/file"));
+    get("/file");
+    EXPECT_EQ(io_.status(), is_kept() ? 200 : 404);
+    let_a_second_pass();
+    get("/file");
+    EXPECT_EQ(io_.status(), 404);
+}
+
+TEST_P(Files_Handler_Cache, ends_a_file_whose_directory_was_renamed_within_a_second)
+{
+    write("old/file", old_text());
+    get("/old/file");
+    fs::rename(scratch_.path("root/old"), scratch_.path("root/new"));
+    get("/old/file");
+    EXPECT_EQ(io_.status(), GetParam() <= File_Cache::MAX_SIZE ? 200 : 404);
+    let_a_second_pass();
+    get("/old/file");
+    EXPECT_EQ(io_.status(), 404);
+}
+
+TEST_P(Files_Handler_Cache, serves_a_file_that_was_written_anew_whole)
+{
+    get("/file");
+    const std::string old_tag = io_.field("ETag");
+    scratch_.write("root/file", new_text());
+    get("/file");
+    EXPECT_TRUE(io_.body() == (is_kept() ? old_text() : new_text()));
+    EXPECT_EQ(io_.field("ETag") == old_tag, is_kept()); // they belong together
+    let_a_second_pass();
+    EXPECT_TRUE(is(new_text()));
+    EXPECT_NE(io_.field("ETag"), old_tag);
+}
+
+TEST_P(Files_Handler_Cache, notices_a_write_that_keeps_size_and_modification_time)
+{
+    if (GetParam() == 0) {
+        GTEST_SKIP() << "there is nothing to write";
+    }
+    write("file", std::string(GetParam(), 'n')); // sets the time back
+    let_a_second_pass();
+    EXPECT_TRUE(is(std::string(GetParam(), 'n')));
+}
+
+TEST_P(Files_Handler_Cache, notices_a_compressed_form_that_appears_and_goes)
+{
+    write("file.gz", "(compressed)");
+    let_a_second_pass();
+    get("/file", {{"Accept-Encoding", "gzip"}});
+    EXPECT_EQ(io_.body(), "(compressed)");
+    get("/file");
+    EXPECT_TRUE(io_.body() == old_text());
+    EXPECT_EQ(io_.field("Vary"), "Accept-Encoding");
+    fs::remove(scratch_.path("root/file.gz"));
+    let_a_second_pass();
+    get("/file", {{"Accept-Encoding", "gzip"}});
+    EXPECT_TRUE(io_.body() == old_text());
+    EXPECT_FALSE(io_.has_field("Vary"));
+}
+
+TEST_P(Files_Handler_Cache, answers_conditions_by_the_version_that_it_serves)
+{
+    get("/file");
+    const std::string tag = io_.field("ETag");
+    get("/file", {{"If-None-Match", tag}});
+    EXPECT_EQ(io_.status(), 304);
+    write("new", new_text());
+    fs::rename(scratch_.path("root/new"), scratch_.path("root/file"));
+    get("/file", {{"If-None-Match", tag}});
+    EXPECT_EQ(io_.status(), is_kept() ? 304 : 200);
+    let_a_second_pass();
+    get("/file", {{"If-None-Match", tag}});
+    EXPECT_EQ(io_.status(), 200);
+    EXPECT_TRUE(io_.body() == new_text());
+}
+
+TEST_P(Files_Handler_Cache, answers_head_and_ranges_alike)
+{
+    for (int i = 0; i < 2; ++i) {
+        SCOPED_TRACE(i);
+        serve("HEAD", "/file");
+        EXPECT_EQ(io_.field("Content-Length"), std::to_string(GetParam()));
+        EXPECT_EQ(io_.body(), "");
+        get("/file", {{"Range", "bytes=-3"}});
+        EXPECT_EQ(io_.body(), GetParam() == 0 ? "" : "ooo");
+        get("/file", {{"Range", "bytes=4-"}});
+        EXPECT_EQ(io_.status(), GetParam() == 0 ? 416 : 206);
+    }
+}
+
+TEST_P(Files_Handler_Cache, keeps_no_name_that_has_come_to_lead_out_of_the_root)
+{
+    fs::remove(scratch_.path("root/file"));
+    fs::create_symlink("../secret", scratch_.path("root/file"));
+    let_a_second_pass();
+    get("/file");
+    EXPECT_EQ(io_.status(), 404);
+}
+
+TEST_F(Files_Handler_Answer, is_by_the_path_as_it_was_asked_for)
+{
+    // The same names under the cache's eyes, which must not answer for each other.
+    configure();
+    write("c++.txt", "plus");
+    for (int i = 0; i < 2; ++i) {
+        SCOPED_TRACE(i);
+        serve("GET", "/static/", {}, 1, 7);
+        EXPECT_EQ(io_.body(), "root index");
+        serve("GET", "/static", {}, 1, 7);
+        EXPECT_EQ(io_.status(), 301);
+        serve("GET", "/static/dir/", {}, 1, 7);
+        EXPECT_EQ(io_.body(), "dir index");
+        serve("GET", "/static/dir", {}, 1, 7);
+        EXPECT_EQ(io_.status(), 301);
+        serve("GET", "/static/c++.txt", {}, 1, 7);
+        EXPECT_EQ(io_.body(), "plus");
+        serve("GET", "/static/c%2B%2B.txt", {}, 1, 7);
+        EXPECT_EQ(io_.status(), 301);
+        serve("GET", "/static/page.html", {}, 1, 7);
+        EXPECT_EQ(io_.status(), 200);
+        serve("GET", "/staticpage.html", {}, 1, 7);
+        EXPECT_EQ(io_.status(), 404);
+        serve("GET", "/static/page.html/", {}, 1, 7);
+        EXPECT_EQ(io_.status(), 404);
+    }
+}
+
+TEST_F(Files_Handler_Answer, gets_the_descriptors_of_the_cache_when_there_are_no_others)
+{
+    configure();
+    write("large", std::string(20'000, 'x'));
+    get("/large");
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    int next = ::dup(0); // the next descriptor to be opened
+    ::close(next);
+    const rlimit all_taken{static_cast<rlim_t>(next), limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &all_taken), 0);
+    io_.begin("GET", "/noext");
+    io_.uri_off(1);
+    HTTP_Handler* const handler = creator_->create();
+    const int result = io_.run(*handler);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    creator_->destroy(handler);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(io_.status(), 200);
+    EXPECT_EQ(io_.body(), "noext");
 }
 
 TEST_F(Files_Handler_Answer, is_the_file_that_was_checked_even_when_its_name_is_taken_over)

@@ -1,11 +1,15 @@
+#include "tests/support/listener_server.h"
+#include "tests/support/log_lines.h"
 #include "tests/support/probe_server.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 
@@ -438,6 +442,105 @@ TEST_F(Files_Plug_In, file_that_shrinks_while_it_is_sent_ends_short)
     this->expect_service();
 }
 
+TEST_F(Files_Plug_In, files_of_every_size_arrive_whole)
+{
+    for (const size_t size : {1U, 4095U, 4096U, 4097U, 8192U, 8193U, 100'000U, 262'144U, 262'145U,
+                              1'048'576U, 1'048'577U, 3'000'000U}) {
+        SCOPED_TRACE(size);
+        const std::string content = numbered_bytes(size, "s");
+        const std::string name = std::to_string(size) + ".bin";
+        folder_.write("root/" + name, content);
+        for (int i = 0; i < 2; ++i) { // opened, and perhaps from the cache
+            const Wire_Response whole = this->get("/files/" + name);
+            EXPECT_EQ(std::to_string(size), whole.field("content-length"));
+            EXPECT_TRUE(content == whole.body);
+            EXPECT_TRUE(
+                content.substr(size / 3) ==
+                this->get("/files/" + name, {"Range: bytes=" + std::to_string(size / 3) + "-"})
+                    .body);
+        }
+        const auto other = server_->connect();
+        ASSERT_NE(nullptr, other);
+        const Wire_Response last =
+            other->exchange(get_request("/files/" + name, {"Connection: close"}));
+        EXPECT_TRUE(content == last.body);
+        EXPECT_TRUE(other->is_closed_by_peer());
+    }
+    const auto old = server_->connect();
+    ASSERT_NE(nullptr, old);
+    ASSERT_TRUE(old->send("GET /files/100000.bin HTTP/1.0\r\n\r\n"));
+    const std::string answer = old->read_to_end();
+    EXPECT_TRUE(numbered_bytes(100'000, "s") == answer.substr(answer.find("\r\n\r\n") + 4));
+}
+
+TEST_F(Files_Plug_In, pipelined_requests_for_files_are_answered_in_order)
+{
+    const std::string content = numbered_bytes(50'000, "p");
+    folder_.write("root/middle.bin", content);
+    const std::string head = "HEAD /files/middle.bin HTTP/1.1\r\nHost: test\r\n\r\n";
+    ASSERT_TRUE(client_->send(get_request("/files/middle.bin") + head +
+                              get_request("/files/page.html") +
+                              get_request("/files/middle.bin", {"Range: bytes=1-9999"})));
+    EXPECT_TRUE(content == client_->read_response().body);
+    EXPECT_EQ("50000", client_->read_response(HEAD_ONLY).field("content-length"));
+    EXPECT_EQ(PAGE, client_->read_response().body);
+    EXPECT_TRUE(content.substr(1, 9999) == client_->read_response().body);
+}
+
+TEST_F(Files_Plug_In, file_that_grows_while_it_is_sent_ends_where_it_was_announced)
+{
+    const std::string large = numbered_bytes(LARGE, "L");
+    folder_.write("root/large.bin", large);
+    const auto slow = server_->connect();
+    ASSERT_NE(nullptr, slow);
+    ASSERT_TRUE(slow->send(get_request("/files/large.bin")));
+    const std::string begin = slow->read_exactly(1);
+    fs::resize_file(this->root() + "/large.bin", LARGE + 100'000);
+    ASSERT_TRUE(slow->send(get_request("/files/page.html")));
+    std::string all = begin + slow->read_exactly(large.size());
+    const size_t body = all.find("\r\n\r\n") + 4;
+    all += slow->read_exactly(body - 1);
+    EXPECT_TRUE(large == all.substr(body));
+    EXPECT_EQ(PAGE, slow->read_response().body);
+}
+
+TEST_F(Files_Plug_In, file_that_was_changed_or_removed_is_so_before_long)
+{
+    folder_.write("root/small.txt", "old");
+    EXPECT_EQ("old", this->get("/files/small.txt").body);
+    const auto becomes = [this](int status, const std::string& body, const std::string& before) {
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (std::chrono::steady_clock::now() < limit) {
+            const Wire_Response response = this->get("/files/small.txt");
+            if (response.status == status && response.body == body) {
+                return true;
+            }
+            EXPECT_EQ(before, response.body);
+        }
+        return false;
+    };
+    fs::rename(folder_.write("new.txt", "new text"), this->root() + "/small.txt");
+    EXPECT_TRUE(becomes(200, "new text", "old"));
+    fs::remove(this->root() + "/small.txt");
+    EXPECT_TRUE(becomes(404, "", "new text"));
+}
+
+TEST_F(Files_Plug_In, client_that_goes_while_a_file_is_sent_is_one_error_line)
+{
+    folder_.write("root/large.bin", numbered_bytes(LARGE, "L"));
+    auto slow = server_->connect();
+    ASSERT_NE(nullptr, slow);
+    ASSERT_TRUE(slow->send(get_request("/files/large.bin")));
+    ASSERT_EQ("HTTP/1.1 200 OK\r\n", slow->read_exactly(17));
+    const std::string name = client_name(*slow);
+    const linger at_once = {1, 0};
+    ::setsockopt(slow->handle(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+    slow.reset();
+    EXPECT_TRUE(server_->host().wait_for_log(" to HTTP client " + name + ": "));
+    this->expect_service();
+    EXPECT_EQ(1U, lines_of(server_->host(), "ERROR").size()) << server_->host().log_text();
+}
+
 TEST_F(Files_Plug_In, unusable_root_is_one_error_line_and_the_others_are_served)
 {
     client_.reset();
@@ -447,4 +550,36 @@ TEST_F(Files_Plug_In, unusable_root_is_one_error_line_and_the_others_are_served)
     const auto other = server_->connect();
     ASSERT_NE(nullptr, other);
     EXPECT_EQ("Hello, World!", other->exchange(get_request("/probe/hello")).body);
+}
+
+class Files_Listener : public testing::TestWithParam<Listener_Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(Every, Files_Listener,
+                         testing::Values(Listener_Kind::TCP, Listener_Kind::TLS,
+                                         Listener_Kind::UNIX, Listener_Kind::MEM));
+
+TEST_P(Files_Listener, serves_files)
+{
+    const Temporary_Folder folder;
+    const std::string content = numbered_bytes(300'000, "f");
+    folder.write("file.bin", content);
+    Probe_Server::Setup setup;
+    for (const std::string size : {"0", "1m"}) { // in a thread, and in the event loop
+        setup.handlers.push_back({"/files" + size, "httpd_files", "_make_Files",
+                                  "--root " + folder.path() + " --thread-size " + size});
+    }
+    Listener_Server server(GetParam(), setup);
+    for (const std::string target : {"/files1m/file.bin", "/files0/file.bin"}) {
+        SCOPED_TRACE(target);
+        const auto client = server.connect();
+        ASSERT_NE(nullptr, client);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_TRUE(content == client->exchange(get_request(target)).body);
+            EXPECT_EQ("Hello, World!", client->exchange(get_request("/probe/hello")).body);
+        }
+        EXPECT_TRUE(content.substr(7, 200'000) ==
+                    client->exchange(get_request(target, {"Range: bytes=7-200006"})).body);
+    }
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+    EXPECT_TRUE(lines_of(server.host(), "ERROR").empty()) << server.host().log_text();
 }
