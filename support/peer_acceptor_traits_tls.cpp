@@ -5,8 +5,6 @@
 
 #include <ace/INET_Addr.h>
 
-#include <openssl/err.h>
-
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,7 +22,7 @@ int shake_hands(const ACE_SSL_SOCK_Stream& stream, const Accept_Limit& limit, bo
     }
     SSL_set_accept_state(ssl);
     for (;;) {
-        ERR_clear_error();
+        tls_clear_errors();
         errno = 0;
         const int result = SSL_do_handshake(ssl);
         if (result == 1) {

@@ -4,8 +4,6 @@
 #include "support/socket_helpers.h"
 #include "support/tls_io.h"
 
-#include <openssl/err.h>
-
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -54,7 +52,7 @@ int write_all_records(SSL* ssl, int handle, const char* data, size_t length)
     Send_Wait wait(ssl, handle);
     for (size_t done = 0; done < length;) {
         size_t written = 0;
-        ERR_clear_error();
+        tls_clear_errors();
         errno = 0;
         const int result = SSL_write_ex(ssl, data + done, length - done, &written);
         if (result == 1) {
@@ -141,7 +139,7 @@ Deadline wait_deadline(int handle, const ACE_Time_Value* limit)
 ssize_t read_once(SSL* ssl, void* buffer, size_t length, int& events)
 {
     size_t received = 0;
-    ERR_clear_error();
+    tls_clear_errors();
     errno = 0;
     const int result = SSL_read_ex(ssl, buffer, length, &received);
     if (result == 1) {
@@ -255,7 +253,7 @@ ssize_t Peer_Stream_IO_T<ACE_SSL_SOCK_Stream>::sendv_now(ACE_SSL_SOCK_Stream& st
             return static_cast<ssize_t>(done);
         }
         size_t written = 0;
-        ERR_clear_error();
+        tls_clear_errors();
         errno = 0;
         const int result = SSL_write_ex(ssl, record, length, &written);
         if (result == 1) {

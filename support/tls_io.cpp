@@ -148,11 +148,18 @@ SSL* tls_ready(const ACE_SSL_SOCK_Stream& stream)
     return ssl;
 }
 
+void tls_clear_errors()
+{
+    if (ERR_peek_error() != 0) {
+        ERR_clear_error();
+    }
+}
+
 int tls_outcome(SSL* ssl, int result)
 {
     const int system_error = errno;
     const int code = SSL_get_error(ssl, result);
-    ERR_clear_error();
+    tls_clear_errors();
     switch (code) {
     case SSL_ERROR_WANT_READ:
         return POLLIN;

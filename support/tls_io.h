@@ -15,6 +15,10 @@ class ACE_SSL_SOCK_Stream;
  */
 SSL* tls_ready(const ACE_SSL_SOCK_Stream& stream);
 
+/// Empties this thread's error queue, where anything may have left an entry that the outcome of the
+/// next SSL call would be taken for. Cheap when it is empty.
+void tls_clear_errors();
+
 /// What an SSL call that did not succeed waits for: POLLIN or POLLOUT; 0 for an ordinary end of the
 /// stream; -1 with errno for a failure (EPROTO, or what the system says). Empties the error queue.
 int tls_outcome(SSL* ssl, int result);
