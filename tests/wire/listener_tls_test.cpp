@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <csignal>
 
 namespace {
@@ -190,6 +191,49 @@ TEST(HTTP_TLS_Listener, partial_record_holds_nobody_up)
         }
         const std::string answer = slow->read_until("Hello, World!");
         EXPECT_EQ(0U, answer.find("HTTP/1.1 200 OK\r\n"));
+    }
+    EXPECT_EQ(0, server.host().stop(SIGTERM));
+    EXPECT_EQ(Lines(), texts_of(server.host(), "ERROR"));
+}
+
+TEST(HTTP_TLS_Listener, records_are_served_that_come_with_a_part_of_the_next)
+{
+    Listener_Server server(Listener_Kind::TLS, one_loop());
+    const std::string request = get_request("/probe/hello");
+    for (const std::string& first : {request, get_request("/probe/thread")}) {
+        const auto client = Tls_Pieces::connect(Wire_Client::tcp(server.address(), server.port()));
+        ASSERT_NE(nullptr, client);
+        const auto expect_answers = [&client](size_t wanted) {
+            size_t count = 0;
+            while (count < wanted) {
+                const std::string text = client->read_until("Hello, World!");
+                const size_t before = count;
+                for (size_t at = text.find("HTTP/1.1 200"); at != std::string::npos;
+                     at = text.find("HTTP/1.1 200", at + 1)) {
+                    ++count;
+                }
+                ASSERT_GT(count, before);
+            }
+            EXPECT_EQ(wanted, count);
+        };
+        // Two requests in one record, a request across two records, and records cut everywhere.
+        const std::string cut = client->encrypt(first);
+        ASSERT_TRUE(client->wire().send(cut));
+        expect_answers(1);
+        for (size_t at = 0; at <= cut.size(); at += 3) {
+            SCOPED_TRACE(at);
+            std::string records = client->encrypt(request + request);
+            records += client->encrypt(request.substr(0, 10));
+            records += client->encrypt(request.substr(10));
+            const std::string next = client->encrypt(request);
+            const size_t part = std::min(at, next.size());
+            ASSERT_TRUE(client->wire().send(records + next.substr(0, part)));
+            expect_answers(part == next.size() ? 4 : 3);
+            if (part < next.size()) {
+                ASSERT_TRUE(client->wire().send(next.substr(part)));
+                expect_answers(1);
+            }
+        }
     }
     EXPECT_EQ(0, server.host().stop(SIGTERM));
     EXPECT_EQ(Lines(), texts_of(server.host(), "ERROR"));
