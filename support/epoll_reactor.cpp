@@ -1,5 +1,7 @@
 #include "support/epoll_reactor.h"
 
+#include "support/uncancelled.h"
+
 #include <ace/Handle_Set.h>
 #include <ace/Reactor.h>
 #include <ace/Signal.h>
@@ -251,7 +253,8 @@ int Epoll_Reactor::wait(epoll_event* events, int milliseconds)
     } else if (!this->owns_timers()) {
         milliseconds = this->limit_by_foreign_timers(milliseconds);
     }
-    const int count = ::epoll_wait(table_.epoll_handle(), events, BATCH_EVENTS, milliseconds);
+    const int count =
+        uncancelled_epoll_wait(table_.epoll_handle(), events, BATCH_EVENTS, milliseconds);
     wait_state_.store(BUSY, std::memory_order_release);
     return count;
 }

@@ -1,6 +1,7 @@
 #include "support/descriptor_wait.h"
 #include "support/peer_stream_io.h"
 #include "support/socket_helpers.h"
+#include "support/uncancelled.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -14,7 +15,7 @@ namespace {
 ssize_t receive_now(int handle, void* buffer, size_t length)
 {
     for (;;) {
-        const ssize_t received = recv(handle, buffer, length, MSG_DONTWAIT);
+        const ssize_t received = uncancelled_recv(handle, buffer, length, MSG_DONTWAIT);
         if (received >= 0 || errno != EINTR) {
             return received;
         }
@@ -48,7 +49,7 @@ bool is_nonblocking(int handle)
 ssize_t receive_blocking(int handle, void* buffer, size_t length)
 {
     for (;;) {
-        const ssize_t received = recv(handle, buffer, length, 0);
+        const ssize_t received = uncancelled_recv(handle, buffer, length, 0);
         if (received >= 0 || (errno != EINTR && errno != EAGAIN)) {
             return received;
         }

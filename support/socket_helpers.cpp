@@ -2,6 +2,7 @@
 
 #include "support/descriptor_wait.h"
 #include "support/descriptor_write.h"
+#include "support/uncancelled.h"
 
 #include <ace/SOCK.h>
 
@@ -62,7 +63,7 @@ ssize_t send_all(int handle, const char* data, size_t length)
 {
     size_t done = 0;
     while (done < length) {
-        const ssize_t sent = send(handle, data + done, length - done, SEND_FLAGS);
+        const ssize_t sent = uncancelled_send(handle, data + done, length - done, SEND_FLAGS);
         if (sent >= 0) {
             done += static_cast<size_t>(sent);
         } else if (errno == ENOTSOCK) {
@@ -221,7 +222,7 @@ ssize_t ace_sendv_now(int handle, const iovec* iov, int count)
         return 0;
     }
     for (;;) {
-        const ssize_t sent = small ? send(handle, flat.bytes_, flat.length_, SEND_FLAGS)
+        const ssize_t sent = small ? uncancelled_send(handle, flat.bytes_, flat.length_, SEND_FLAGS)
                                    : send_gathered(handle, iov, count);
         if (sent >= 0) {
             return sent;

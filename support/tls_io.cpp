@@ -1,5 +1,7 @@
 #include "support/tls_io.h"
 
+#include "support/uncancelled.h"
+
 #include <ace/SSL/SSL_SOCK_Stream.h>
 
 #include <openssl/bio.h>
@@ -28,7 +30,8 @@ int bio_write(BIO* bio, const char* data, size_t length, size_t* written)
 {
     BIO_clear_retry_flags(bio);
     for (;;) {
-        const ssize_t sent = send(handle_of(bio), data, length, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t sent =
+            uncancelled_send(handle_of(bio), data, length, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent >= 0) {
             *written = static_cast<size_t>(sent);
             return 1;
@@ -47,7 +50,7 @@ int bio_read(BIO* bio, char* data, size_t length, size_t* received)
 {
     BIO_clear_retry_flags(bio);
     for (;;) {
-        const ssize_t count = recv(handle_of(bio), data, length, MSG_DONTWAIT);
+        const ssize_t count = uncancelled_recv(handle_of(bio), data, length, MSG_DONTWAIT);
         if (count > 0) {
             *received = static_cast<size_t>(count);
             return 1;
