@@ -44,6 +44,9 @@ public:
 
     enum { DEFAULT_BUFSIZ = 8192, SIZE_BUFSIZ = 32 };
 
+    /// Reads that one input event is good for.
+    enum { MOST_READS = 16 };
+
     /// What a step of the receive side asks for.
     enum {
         HANDLE_ERROR = -1,   ///< close the connection
@@ -150,6 +153,7 @@ private:
     bool lingers() const;
     bool is_suspended() const;
     bool has_unserved_bytes() const;
+    bool expects_more_at_once() const;
     void wait_while_suspended();
     void wake_worker();
     void interrupt() override;
@@ -249,6 +253,7 @@ private:
     std::uint64_t response_length_ = 0;
     Upcall* upcall_ = nullptr;
     bool close_sent_ = false;              ///< our close frame has been sent
+    bool buffer_filled_ = false;           ///< by the last read
     bool released_ = false;                ///< handle_close_i has run
     bool logged_ = false;                  ///< the current request has its access-log line
     bool header_received_ = false;         ///< the current request's header is complete

@@ -117,14 +117,32 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_input(ACE_HANDLE)
     }
     Upcall upcall;
     upcall_ = &upcall;
-    // Input that the engine has not looked at yet comes first; what lies in the socket meanwhile
-    // stays there and is told again.
-    const bool read = !this->has_unserved_bytes();
-    int result = read ? this->handle_data_reading(nullptr) : 0;
-    if (result != -1) {
-        result = this->handle_input_i();
-    }
+    int result = 0;
+    int reads_left = MOST_READS;
+    do {
+        // Input that the engine has not looked at yet comes first; what lies in the socket
+        // meanwhile stays there and is told again.
+        const bool read = !this->has_unserved_bytes();
+        result = read ? this->handle_data_reading(nullptr) : 0;
+        if (result != -1) {
+            result = this->handle_input_i();
+        }
+    } while (result == 0 && !upcall.moved_ && --reads_left > 0 && this->expects_more_at_once());
     return this->finish_upcall(upcall, result);
+}
+
+/**
+ * A body or a message is on its way and the last read has filled the buffer, so there is more of
+ * it: asking the event loop first would only cost a system call. Other connections wait for
+ * MOST_READS buffers at most.
+ */
+template <typename Stream, typename Sync>
+bool HTTP_Svc_Handler_T<Stream, Sync>::expects_more_at_once() const
+{
+    return buffer_filled_ && mb_ != nullptr && mb_->length() == 0 &&
+           (request_state_ == HTTP_SOCK_STATE_CONTENT_RECEIVING ||
+            request_state_ == HTTP_SOCK_STATE_WEBSOCKET_HANDSHAKED) &&
+           concurrent_state_ == STATE_REACTIVE && !this->closing_;
 }
 
 /**

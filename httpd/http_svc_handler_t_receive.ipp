@@ -14,8 +14,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_data_reading(const ACE_Time_Value* 
     }
     const Receive_Mode mode =
         reactor != nullptr && timeout == nullptr ? Receive_Mode::NEVER_WAIT : Receive_Mode::WAIT;
-    const ssize_t received =
-        Stream_IO::receive(this->peer(), mb_->wr_ptr(), mb_->space(), mode, timeout);
+    const size_t room = mb_->space();
+    const ssize_t received = Stream_IO::receive(this->peer(), mb_->wr_ptr(), room, mode, timeout);
+    buffer_filled_ = received == static_cast<ssize_t>(room);
     if (received == -1) {
         return this->handle_receive_failure(timeout);
     }
