@@ -45,6 +45,12 @@ bool Arena::add_block(size_t size)
 {
     static_assert(sizeof(Block) % ALIGNMENT == 0);
     size_t capacity = FIRST_BLOCK;
+    if (blocks_ != nullptr && blocks_->next_ == nullptr && cursor_ == blocks_->data()) {
+        // Nothing is in it: a larger one takes its place, rather than standing beside it.
+        std::free(std::exchange(blocks_, nullptr));
+        cursor_ = nullptr;
+        end_ = nullptr;
+    }
     if (blocks_ != nullptr) {
         capacity = std::min<size_t>(blocks_->capacity_ * 2, MAX_KEPT);
     } else if (Block* const block = Thread_Free_List_T<Block_Traits>::take()) {
