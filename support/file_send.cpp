@@ -1,7 +1,6 @@
 #include "support/file_send.h"
 
 #include "support/descriptor_wait.h"
-#include "support/descriptor_write.h"
 #include "support/socket_helpers.h"
 
 #include <pthread.h>
@@ -12,12 +11,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 namespace {
 
-/// Up to here a header is copied together and sent as one piece.
-constexpr size_t FLAT_LIMIT = 4096;
+constexpr size_t PAGE_SIZE = 4096;
 
 /// The file cannot be sent this way, or not be read: reading it tells.
 bool is_the_files_error(int error)
@@ -39,7 +36,7 @@ bool may_retry(int socket)
 /// Sends what is left by reading it.
 File_Sent send_by_reading(int socket, int file, off_t offset, size_t length)
 {
-    alignas(FLAT_LIMIT) char buffer[4 * FLAT_LIMIT];
+    alignas(PAGE_SIZE) char buffer[4 * PAGE_SIZE];
     size_t done = 0;
     while (done < length) {
         const ssize_t count = pread(file, buffer, std::min(length - done, sizeof buffer),
@@ -132,34 +129,4 @@ File_Sent ace_send_file(int socket, int file, off_t offset, size_t length)
         sigpipe.take_away();
     }
     return result;
-}
-
-ssize_t ace_sendv_more(int socket, const iovec* iov, int count)
-{
-    size_t total = 0;
-    if (iovec_total(iov, count, total) == -1) {
-        return -1;
-    }
-    if (total > FLAT_LIMIT) {
-        return ace_sendv(socket, iov, count);
-    }
-    char flat[FLAT_LIMIT];
-    size_t used = 0;
-    for (int i = 0; i < count; ++i) {
-        if (iov[i].iov_len > 0) {
-            std::memcpy(flat + used, iov[i].iov_base, iov[i].iov_len);
-            used += iov[i].iov_len;
-        }
-    }
-    size_t done = 0;
-    while (done < total) {
-        const ssize_t sent =
-            send(socket, flat + done, total - done, MSG_MORE | MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent >= 0) {
-            done += static_cast<size_t>(sent);
-        } else if (!may_retry(socket)) {
-            return -1;
-        }
-    }
-    return static_cast<ssize_t>(total);
 }

@@ -3,7 +3,6 @@
 #include "support/export.h"
 
 #include <sys/types.h>
-#include <sys/uio.h>
 
 #include <cstddef>
 
@@ -29,9 +28,3 @@ struct File_Sent {
  * @param file    its own position is neither used nor changed.
  */
 HTTPD_SUPPORT_EXPORT File_Sent ace_send_file(int socket, int file, off_t offset, size_t length);
-
-/**
- * ace_sendv() for what more is to follow at once: the system may hold it back for that, so that
- * both leave together.
- */
-HTTPD_SUPPORT_EXPORT ssize_t ace_sendv_more(int socket, const iovec* iov, int count);

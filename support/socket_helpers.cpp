@@ -59,11 +59,12 @@ int recover(int handle)
     return wait_for_room(handle, send_limit_ms(handle));
 }
 
-ssize_t send_all(int handle, const char* data, size_t length)
+ssize_t send_all(int handle, const char* data, size_t length, int flags = 0)
 {
     size_t done = 0;
     while (done < length) {
-        const ssize_t sent = uncancelled_send(handle, data + done, length - done, SEND_FLAGS);
+        const ssize_t sent =
+            uncancelled_send(handle, data + done, length - done, SEND_FLAGS | flags);
         if (sent >= 0) {
             done += static_cast<size_t>(sent);
         } else if (errno == ENOTSOCK) {
@@ -209,6 +210,14 @@ ssize_t ace_sendv(int handle, const iovec* iov, int count)
     }
     size_t total = 0;
     return iovec_total(iov, count, total) == -1 ? -1 : send_vector(handle, iov, count, total);
+}
+
+ssize_t ace_sendv_more(int handle, const iovec* iov, int count)
+{
+    if (Flat flat; flat.take(iov, count)) {
+        return send_all(handle, flat.bytes_, flat.length_, MSG_MORE);
+    }
+    return ace_sendv(handle, iov, count); // much: it leaves by itself
 }
 
 ssize_t ace_sendv_now(int handle, const iovec* iov, int count)

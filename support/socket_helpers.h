@@ -39,6 +39,10 @@ HTTPD_SUPPORT_EXPORT ssize_t ace_send(int handle, const void* data, size_t lengt
 /// ace_send for a vector of any number of entries, which is not changed. @return the sum or -1.
 HTTPD_SUPPORT_EXPORT ssize_t ace_sendv(int handle, const iovec* iov, int count);
 
+/// ace_sendv for what more is to follow at once: the system may hold it back for that, so that both
+/// leave together.
+HTTPD_SUPPORT_EXPORT ssize_t ace_sendv_more(int handle, const iovec* iov, int count);
+
 /**
  * Sends what the socket takes at once, with one system call and without SIGPIPE.
  * @param count  at most IOV_MAX
