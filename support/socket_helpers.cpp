@@ -127,13 +127,13 @@ struct Flat {
     /// Copies the entries one behind the other. @return false when they are too much for that.
     bool take(const iovec* iov, int count)
     {
-        for (const iovec* const end = iov + count; iov < end; ++iov) {
-            const size_t length = iov->iov_len;
+        for (int i = 0; i < count; ++i) {
+            const size_t length = iov[i].iov_len;
             if (length > sizeof bytes_ - length_) {
                 return false;
             }
             if (length > 0) {
-                std::memcpy(bytes_ + length_, iov->iov_base, length);
+                std::memcpy(bytes_ + length_, iov[i].iov_base, length);
                 length_ += length;
             }
         }

@@ -361,8 +361,12 @@ TEST(Ace_Sendv, refuses_a_negative_count_and_a_sum_that_overflows)
     const iovec entries[2] = {{&byte, SIZE_MAX / 2}, {&byte, SIZE_MAX / 2}};
     EXPECT_EQ(ace_sendv(pair.first.get(), entries, 2), -1);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(ace_sendv(pair.first.get(), entries, -1), -1);
-    EXPECT_EQ(errno, EINVAL);
+    for (const iovec* const none : {&entries[0], static_cast<const iovec*>(nullptr)}) {
+        EXPECT_EQ(ace_sendv(pair.first.get(), none, -1), -1);
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(ace_sendv_now(pair.first.get(), none, -1), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
 }
 
 TEST(Ace_Sendv, goes_on_after_a_signal)
