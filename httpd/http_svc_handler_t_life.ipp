@@ -6,6 +6,7 @@ HTTP_Svc_Handler_T<Stream, Sync>::HTTP_Svc_Handler_T(ACE_Thread_Manager* manager
     : ACE_Svc_Handler<Stream, Sync>(manager, unused_queue<Sync>(), ACE_Reactor::instance())
 {
     this->reference_counting_policy().value(ACE_Event_Handler::Reference_Counting_Policy::ENABLED);
+    request_.give_back(); // a connection that waits for its first request needs no memory for it
     Live_Connections::instance().add();
 }
 

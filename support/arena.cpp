@@ -43,24 +43,40 @@ char* Arena::allocate_slow(size_t size)
 /// Puts a block with room for `size` bytes in front, from which is allocated from now on.
 bool Arena::add_block(size_t size)
 {
-    static_assert(sizeof(Block) % ALIGNMENT == 0);
-    size_t capacity = FIRST_BLOCK;
-    if (blocks_ != nullptr && blocks_->next_ == nullptr && cursor_ == blocks_->data()) {
-        // Nothing is in it: a larger one takes its place, rather than standing beside it.
-        std::free(std::exchange(blocks_, nullptr));
-        cursor_ = nullptr;
-        end_ = nullptr;
-    }
+    drop_empty_block();
     if (blocks_ != nullptr) {
-        capacity = std::min<size_t>(blocks_->capacity_ * 2, MAX_KEPT);
-    } else if (Block* const block = Thread_Free_List_T<Block_Traits>::take()) {
+        return add_new_block(std::max(std::min<size_t>(blocks_->capacity_ * 2, MAX_KEPT), size));
+    }
+    if (Block* const block = Thread_Free_List_T<Block_Traits>::take()) {
         if (block->capacity_ >= size) {
             add(block);
             return true;
         }
         std::free(block);
     }
-    capacity = std::max(capacity, size);
+    return add_new_block(std::max<size_t>(FIRST_BLOCK, size));
+}
+
+/// The same, but that no larger block of the thread's is taken.
+bool Arena::add_fitting_block(size_t size)
+{
+    drop_empty_block();
+    return blocks_ != nullptr ? add_block(size) : add_new_block(size);
+}
+
+/// An empty block that is too small is not kept beside the next one.
+void Arena::drop_empty_block()
+{
+    if (blocks_ != nullptr && blocks_->next_ == nullptr && cursor_ == blocks_->data()) {
+        std::free(std::exchange(blocks_, nullptr));
+        cursor_ = nullptr;
+        end_ = nullptr;
+    }
+}
+
+bool Arena::add_new_block(size_t capacity)
+{
+    static_assert(sizeof(Block) % ALIGNMENT == 0);
     if (capacity > SIZE_MAX - sizeof(Block)) {
         errno = ENOMEM;
         return false;

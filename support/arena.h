@@ -60,10 +60,11 @@ public:
     }
 
     /// Sees to it that the next allocations, of `size` bytes together with what aligns them, come
-    /// from one block. @return false when there is no memory (ENOMEM).
+    /// from one block, which is not larger than that where the arena is empty: the message may be
+    /// kept while its connection waits. @return false when there is no memory (ENOMEM).
     bool reserve(size_t size)
     {
-        return size <= static_cast<size_t>(end_ - cursor_) || add_block(size);
+        return size <= static_cast<size_t>(end_ - cursor_) || add_fitting_block(size);
     }
 
     /// Forgets every allocation. Keeps one block, of at most `MAX_KEPT` bytes, for the next
@@ -102,6 +103,9 @@ private:
 
     char* allocate_slow(size_t size);
     bool add_block(size_t size);
+    bool add_fitting_block(size_t size);
+    void drop_empty_block();
+    bool add_new_block(size_t capacity);
     void add(Block* block);
     void keep_one_block();
 

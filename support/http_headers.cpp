@@ -220,7 +220,6 @@ bool HTTP_Headers::reserve(std::uint32_t count, size_t text)
         return true;
     }
     constexpr size_t PADDING = alignof(std::max_align_t) - 1;
-    count = std::max<std::uint32_t>(count, FIRST_FIELDS);
     return arena_.reserve(PADDING + count * sizeof(Field) + text) && take_room(count);
 }
 

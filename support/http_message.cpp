@@ -327,6 +327,12 @@ HTTP_Request::HTTP_Request(HTTP_Method method, const char* uri, bool keep_alive)
     }
 }
 
+void HTTP_Request::give_back()
+{
+    reset();
+    arena_.give_back();
+}
+
 void HTTP_Response::give_back()
 {
     reset();

@@ -202,6 +202,9 @@ public:
         CGI_Request::reset();
         minor_version_ = 1;
     }
+
+    /// reset(), and leaves the memory to the next message of the calling thread.
+    void give_back();
 };
 
 /// A response as a plug-in builds it. Used by one thread at a time.

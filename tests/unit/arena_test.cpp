@@ -154,6 +154,34 @@ TEST(Arena, gives_what_was_reserved_from_one_block)
     EXPECT_STREQ(arena.copy("usable"), "usable");
 }
 
+TEST(Arena, reserves_no_more_than_it_is_asked_for_where_the_thread_has_a_larger_block)
+{
+    Arena first;
+    const char* const large = first.allocate_text(900);
+    first.give_back();
+    Arena waiting;
+    ASSERT_TRUE(waiting.reserve(100));
+    ASSERT_NE(waiting.allocate_text(100), nullptr);
+    Arena next;
+    EXPECT_EQ(next.allocate_text(10), large) << "it was left to a message that is soon gone";
+}
+
+TEST(Arena, is_usable_after_a_larger_block_has_taken_the_place_of_an_empty_one)
+{
+    Arena arena;
+    ASSERT_NE(arena.copy("first message"), nullptr);
+    arena.reset();
+    ASSERT_TRUE(arena.reserve(5000));
+    const char* const text = arena.copy(std::string(4000, 'x'));
+    ASSERT_NE(text, nullptr);
+    EXPECT_EQ(std::strlen(text), 4000U);
+    arena.reset();
+    errno = 0;
+    EXPECT_FALSE(arena.reserve(std::numeric_limits<size_t>::max()));
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_STREQ(arena.copy("usable"), "usable");
+}
+
 TEST(Arena, gives_nothing_back_when_it_holds_nothing)
 {
     Arena arena;
