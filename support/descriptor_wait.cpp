@@ -1,5 +1,7 @@
 #include "support/descriptor_wait.h"
 
+#include "support/socket_helpers.h"
+
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -110,4 +112,15 @@ Deadline receive_deadline(int handle)
     }
     const ACE_Time_Value value(limit);
     return Deadline::after(&value);
+}
+
+int wait_after_failed_send(int handle)
+{
+    if (errno == EINTR) {
+        return 0;
+    }
+    if (errno != EAGAIN && errno != EWOULDBLOCK) {
+        return -1;
+    }
+    return wait_for_room(handle, send_limit_ms(handle));
 }

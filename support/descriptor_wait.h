@@ -42,5 +42,9 @@ int wait_for_handle(int handle, short events, const Deadline& deadline, bool res
 /// wait_for_handle for writing: 0, or -1 with errno; ETIME when the limit has passed.
 int wait_for_room(int handle, int limit_ms, int cancel = -1);
 
+/// After a failed send on a socket, with its errno: 0 when it may be tried again, if there was no
+/// room as soon as there is, within the socket's own limit; else -1 with errno.
+int wait_after_failed_send(int handle);
+
 /// The end of a socket's own limit for one receive (SO_RCVTIMEO), counted from now; never if none.
 Deadline receive_deadline(int handle);

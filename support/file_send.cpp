@@ -23,16 +23,6 @@ bool is_the_files_error(int error)
            error == EOVERFLOW || error == ESPIPE || error == EISDIR;
 }
 
-/// After a failed write: whether it may be tried again, when there was no room as soon as there is.
-bool may_retry(int socket)
-{
-    if (errno == EINTR) {
-        return true;
-    }
-    return (errno == EAGAIN || errno == EWOULDBLOCK) &&
-           wait_for_room(socket, send_limit_ms(socket)) == 0;
-}
-
 /// Sends what is left by reading it.
 File_Sent send_by_reading(int socket, int file, off_t offset, size_t length)
 {
@@ -112,7 +102,7 @@ File_Sent send_parts(int socket, int file, off_t offset, size_t length)
         } else if (is_the_files_error(errno)) {
             const File_Sent rest = send_by_reading(socket, file, here, length - done);
             return {rest.outcome_, done + rest.sent_};
-        } else if (!may_retry(socket)) {
+        } else if (wait_after_failed_send(socket) == -1) {
             return {File_Sent::SEND_FAILED, done};
         }
     }

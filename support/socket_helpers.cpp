@@ -47,18 +47,6 @@ bool is_unix_socket(int handle)
     return getsockopt(handle, SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 && domain == AF_UNIX;
 }
 
-/// After a failed send: 0 when it may be tried again, else -1 with errno.
-int recover(int handle)
-{
-    if (errno == EINTR) {
-        return 0;
-    }
-    if (errno != EAGAIN && errno != EWOULDBLOCK) {
-        return -1;
-    }
-    return wait_for_room(handle, send_limit_ms(handle));
-}
-
 ssize_t send_all(int handle, const char* data, size_t length, int flags = 0)
 {
     size_t done = 0;
@@ -69,7 +57,7 @@ ssize_t send_all(int handle, const char* data, size_t length, int flags = 0)
             done += static_cast<size_t>(sent);
         } else if (errno == ENOTSOCK) {
             return write_all(handle, data, length);
-        } else if (recover(handle) == -1) {
+        } else if (wait_after_failed_send(handle) == -1) {
             return -1;
         }
     }
@@ -115,7 +103,7 @@ ssize_t send_vector(int handle, const iovec* iov, int count, size_t total)
             done += static_cast<size_t>(sent);
         } else if (errno == ENOTSOCK) {
             return writev_all(handle, iov, count);
-        } else if (recover(handle) == -1) {
+        } else if (wait_after_failed_send(handle) == -1) {
             return -1;
         }
     }
