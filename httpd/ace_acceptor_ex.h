@@ -1,6 +1,9 @@
 #pragma once
 
+#include "httpd/pending_handshake_t.h"
+#include "support/accept_handshake.h"
 #include "support/addr_string.h"
+#include "support/descriptor_wait.h"
 #include "support/log.h"
 #include "support/peer_acceptor_traits.h"
 
@@ -20,6 +23,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 
 /**
  * An ACE_Acceptor with a listen backlog, IPv6-only and socket-buffer settings for its listener, and
@@ -29,6 +33,10 @@
  * descriptors or memory leaves its connection waiting, so that the listener would be ready again at
  * once and for ever: it is taken from the reactor for PAUSE_MS, after its error line. Deleting the
  * acceptor takes it from its reactor and closes the listener.
+ *
+ * A handshake of several messages goes on beside others: while it waits for its client it stands in
+ * the reactor, and the time limit runs. Only when it is done the connection is opened. Where the
+ * reactor cannot take it (one of select(2) and a high descriptor) it is waited for.
  */
 template <typename SVC_HANDLER, typename PEER_ACCEPTOR>
 class ACE_Acceptor_Ex : public ACE_Acceptor<SVC_HANDLER, PEER_ACCEPTOR> {
@@ -36,6 +44,8 @@ public:
     using base_type = ACE_Acceptor<SVC_HANDLER, PEER_ACCEPTOR>;
     using addr_type = typename base_type::addr_type;
     using traits_type = ACE_Peer_Acceptor_Traits<typename SVC_HANDLER::stream_type>;
+    using handshake_type = ACE_Accept_Handshake<typename SVC_HANDLER::stream_type>;
+    using pending_type = Pending_Handshake_T<ACE_Acceptor_Ex, SVC_HANDLER>;
 
     enum { PAUSE_MS = 100, MOST_AT_ONCE = 64 };
 
@@ -130,6 +140,23 @@ public:
         return 0;
     }
 
+    /// The handshake of a connection is done (0), or has failed (-1 with errno). Called by it,
+    /// after it has left the reactor.
+    void handshake_ended(pending_type* pending, int result)
+    {
+        const int error = errno;
+        SVC_HANDLER* const handler = pending->handler();
+        this->unlink(pending);
+        if (result == 0) {
+            this->accepted(handler, pending->remote());
+            this->activate_svc_handler(handler);
+        } else {
+            errno = error;
+            this->refuse(handler, pending->remote());
+        }
+        pending->remove_reference();
+    }
+
 protected:
     int handle_close(ACE_HANDLE handle = ACE_INVALID_HANDLE,
                      ACE_Reactor_Mask mask = ACE_Event_Handler::ALL_EVENTS_MASK) override
@@ -146,27 +173,33 @@ protected:
             errno = EINVAL;
             return -1;
         }
-        const bool reset_new_handle = reactor->uses_event_associations();
         ACE_Time_Value limit(timeout_);
+        ACE_Time_Value* const timeout = timeout_ < 0 ? nullptr : &limit;
         addr_type remote;
-        constexpr bool RESTART = true;
-        if (traits_type::accept(this->peer_acceptor_, handler->peer(), &remote,
-                                timeout_ < 0 ? nullptr : &limit, RESTART, reset_new_handle) != -1) {
-            if constexpr (traits_type::ACCEPTS_READY &&
-                          requires { handler->accepted_from(remote); }) {
-                handler->accepted_from(remote);
-            }
-            return 0;
+        int result = 0;
+        if constexpr (handshake_type::IN_STEPS) {
+            result = this->begin_handshake(handler, remote, timeout);
+        } else {
+            result = traits_type::accept(this->peer_acceptor_, handler->peer(), &remote, timeout,
+                                         RESTART, reactor->uses_event_associations());
         }
-        const int error = errno;
-        this->log_failed_accept(remote);
-        handler->close(CLOSE_DURING_NEW_CONNECTION);
-        errno = error;
-        return -1;
+        if (result == -1) {
+            this->refuse(handler, remote);
+            return -1;
+        }
+        if (waiting_ != handler) {
+            this->accepted(handler, remote);
+        }
+        return 0;
     }
 
+    /// Opens the connection, unless its handshake still goes on.
     int activate_svc_handler(SVC_HANDLER* handler) override
     {
+        if (waiting_ == handler) {
+            waiting_ = nullptr;
+            return 0;
+        }
         if constexpr (!traits_type::ACCEPTS_READY) {
             return base_type::activate_svc_handler(handler);
         }
@@ -199,6 +232,89 @@ protected:
     int send_buf_size_;
 
 private:
+    static constexpr bool RESTART = true; ///< a signal does not end a wait
+
+    /// Accepts, and does what the client's first bytes allow. 0: done, or `waiting_` is set; -1
+    /// with errno.
+    int begin_handshake(SVC_HANDLER* handler, addr_type& remote, const ACE_Time_Value* timeout)
+    {
+        const Deadline deadline = Deadline::after(timeout);
+        if (handshake_type::take(this->peer_acceptor_, handler->peer(), &remote, timeout,
+                                 RESTART) == -1) {
+            return -1;
+        }
+        const int events = handshake_type::step(handler->peer());
+        if (events <= 0) {
+            return events;
+        }
+        if (this->wait_in_reactor(handler, remote, events, timeout)) {
+            return 0;
+        }
+        return handshake_type::finish(handler->peer(), deadline, RESTART);
+    }
+
+    bool wait_in_reactor(SVC_HANDLER* handler, const addr_type& remote, int events,
+                         const ACE_Time_Value* timeout)
+    {
+        auto* const pending = new (std::nothrow) pending_type(*this, handler, remote);
+        if (pending == nullptr) {
+            return false;
+        }
+        if (pending->start(this->reactor(), events, timeout) == -1) {
+            pending->remove_reference();
+            return false;
+        }
+        this->link(pending);
+        waiting_ = handler;
+        return true;
+    }
+
+    void link(pending_type* pending)
+    {
+        pending->next_ = pending_;
+        pending->link_ = &pending_;
+        if (pending_ != nullptr) {
+            pending_->link_ = &pending->next_;
+        }
+        pending_ = pending;
+    }
+
+    static void unlink(pending_type* pending)
+    {
+        *pending->link_ = pending->next_;
+        if (pending->next_ != nullptr) {
+            pending->next_->link_ = pending->link_;
+        }
+    }
+
+    /// Closes the connections whose handshake goes on.
+    void drop_handshakes()
+    {
+        while (pending_ != nullptr) {
+            pending_type* const pending = pending_;
+            unlink(pending);
+            pending->leave();
+            pending->handler()->close(CLOSE_DURING_NEW_CONNECTION);
+            pending->remove_reference();
+        }
+    }
+
+    static void accepted(SVC_HANDLER* handler, const addr_type& remote)
+    {
+        if constexpr (traits_type::ACCEPTS_READY && requires { handler->accepted_from(remote); }) {
+            handler->accepted_from(remote);
+        }
+    }
+
+    /// Logs a failed accept and closes its handler. Keeps errno.
+    void refuse(SVC_HANDLER* handler, const addr_type& remote) const
+    {
+        const int error = errno;
+        this->log_failed_accept(remote);
+        handler->close(CLOSE_DURING_NEW_CONNECTION);
+        errno = error;
+    }
+
     bool schedule_resume()
     {
         const ACE_Time_Value delay(0, PAUSE_MS * 1000);
@@ -216,6 +332,9 @@ private:
             constexpr int DONT_CALL_HANDLE_CLOSE = 1;
             this->reactor()->cancel_timer(pause_timer_id_, nullptr, DONT_CALL_HANDLE_CLOSE);
             pause_timer_id_ = -1;
+        }
+        if constexpr (handshake_type::IN_STEPS) {
+            this->drop_handshakes();
         }
         traits_type::forget(leftover_);
     }
@@ -237,4 +356,6 @@ private:
 
     typename traits_type::Leftover leftover_; ///< what the open listener leaves behind
     long pause_timer_id_ = -1;                ///< -1: not paused
+    pending_type* pending_ = nullptr;         ///< handshakes that go on
+    SVC_HANDLER* waiting_ = nullptr; ///< just accepted, with its handshake among `pending_`
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/export.h"
+
 #include <ace/Time_Value.h>
 
 #include <climits>
@@ -9,7 +11,7 @@
  * A point on the monotonic clock, or none: how long a chain of waits may take in all. A wait that a
  * signal interrupts goes on with what is left.
  */
-class Deadline {
+class HTTPD_SUPPORT_EXPORT Deadline {
 public:
     /// Never passes.
     Deadline() = default;

@@ -29,7 +29,7 @@
  * reactor.
  *
  * waiting(): how many connections wait to be accepted, 1 where that cannot be told; also 1 where an
- * accept may take long. ACCEPTS_READY: accepted descriptors are blocking and close-on-exec, and
+ * accept may take long and is not done in steps (ACE_Accept_Handshake). ACCEPTS_READY: accepted descriptors are blocking and close-on-exec, and
  * `remote` is what getpeername says.
  *
  * remember() and forget() bracket the time that the listener is open.
@@ -63,7 +63,7 @@ struct No_Leftover {};
 /// it has no meaning.
 HTTPD_PEER_ACCEPTOR_TRAITS(ACE_SOCK_Stream, ACE_SOCK_Acceptor_Ex, No_Leftover, true);
 /// As for plain TCP; the time limit includes the TLS handshake.
-HTTPD_PEER_ACCEPTOR_TRAITS(ACE_SSL_SOCK_Stream, ACE_SSL_SOCK_Acceptor, No_Leftover, false);
+HTTPD_PEER_ACCEPTOR_TRAITS(ACE_SSL_SOCK_Stream, ACE_SSL_SOCK_Acceptor, No_Leftover, true);
 /// `ipv6_only` has no meaning. ENAMETOOLONG for a path that fills the address: it may be a cut one.
 /// A socket file that nobody listens on is replaced; EADDRINUSE for any other file.
 HTTPD_PEER_ACCEPTOR_TRAITS(LSOCK_Stream, ACE_LSOCK_Acceptor, Socket_File, false);

@@ -1,3 +1,4 @@
+#include "support/accept_handshake.h"
 #include "support/accept_socket.h"
 #include "support/peer_acceptor_traits.h"
 #include "support/socket_helpers.h"
@@ -9,44 +10,8 @@
 
 #include <cerrno>
 
+using Handshake = ACE_Accept_Handshake<ACE_SSL_SOCK_Stream>;
 using Traits = ACE_Peer_Acceptor_Traits<ACE_SSL_SOCK_Stream>;
-
-namespace {
-
-/// ACE's own handshake waits with select(2), which ends the process for descriptors from 1024 up.
-int shake_hands(const ACE_SSL_SOCK_Stream& stream, const Accept_Limit& limit, bool restart)
-{
-    SSL* const ssl = tls_ready(stream);
-    if (ssl == nullptr) {
-        return -1;
-    }
-    SSL_set_accept_state(ssl);
-    for (;;) {
-        tls_clear_errors();
-        errno = 0;
-        const int result = SSL_do_handshake(ssl);
-        if (result == 1) {
-            return 0;
-        }
-        const int events = tls_outcome(ssl, result);
-        if (events == 0) {
-            errno = ECONNRESET;
-        }
-        if (events <= 0) {
-            return -1;
-        }
-        const int ready = wait_for_handle(stream.get_handle(), static_cast<short>(events),
-                                          limit.deadline, restart);
-        if (ready == 0) {
-            errno = ETIMEDOUT;
-        }
-        if (ready <= 0) {
-            return -1;
-        }
-    }
-}
-
-} // namespace
 
 int Traits::open(Peer_Acceptor& acceptor, const ACE_Addr& address, int reuse_addr, int backlog,
                  int ipv6_only, int recv_buf_size, int send_buf_size)
@@ -70,29 +35,22 @@ int Traits::open(Peer_Acceptor& acceptor, const ACE_Addr& address, int reuse_add
 int Traits::accept(Peer_Acceptor& acceptor, ACE_SSL_SOCK_Stream& stream, ACE_Addr* remote,
                    ACE_Time_Value* timeout, bool restart, bool)
 {
-    sockaddr_storage peer{};
-    const Accept_Limit limit(timeout);
-    const int handle = accept_socket(acceptor.get_handle(), peer, limit, restart, SOCK_NONBLOCK);
-    if (handle == -1) {
+    const Deadline deadline = Deadline::after(timeout);
+    if (Handshake::take(acceptor, stream, remote, timeout, restart) == -1) {
         return -1;
     }
-    if (remote != nullptr) {
-        set_inet_addr(static_cast<ACE_INET_Addr&>(*remote), peer);
-    }
-    stream.set_handle(handle);
-    if (shake_hands(stream, limit, restart) == 0) {
+    if (Handshake::finish(stream, deadline, restart) == 0) {
         return 0;
     }
     const int error = errno;
-    tls_detach(stream);
-    close(handle);
+    close(tls_detach(stream));
     errno = error;
     return -1;
 }
 
-int Traits::waiting(ACE_HANDLE)
+int Traits::waiting(ACE_HANDLE listener)
 {
-    return 1;
+    return waiting_connections(listener);
 }
 
 void Traits::remember(Peer_Acceptor&, Leftover&) {}

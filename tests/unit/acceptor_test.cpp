@@ -27,6 +27,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -210,6 +211,33 @@ std::unique_ptr<ACE_Service_Object> open_listener(Event_Loop_Manager& loops, con
         open_http_acceptor<Handler>(loops, protocol, address, timeout, BACKLOG, 0));
 }
 
+/// Connects in a thread of its own, since the handshake's other side runs in the caller's.
+class Tls_Connecting {
+public:
+    explicit Tls_Connecting(int port)
+        : socket_(connect_to(port)), client_(socket_.get()), thread_([this] {
+              connected_ = client_.connect();
+              done_ = true;
+          })
+    {
+    }
+    ~Tls_Connecting() { thread_.join(); }
+    Tls_Connecting(const Tls_Connecting&) = delete;
+    Tls_Connecting& operator=(const Tls_Connecting&) = delete;
+
+    bool done() const { return done_; }
+    bool connected() const { return connected_; }
+
+private:
+    Test_Fd socket_;
+    Tls_Client client_;
+    std::atomic<bool> done_{false};
+    std::atomic<bool> connected_{false};
+    std::thread thread_;
+};
+
+using Tls_Acceptor = HTTP_Acceptor<Tls_Handler, ACE_SSL_SOCK_Acceptor>;
+
 std::unique_ptr<ACE_Service_Object> open_tcp(Event_Loop_Manager& loops,
                                              int timeout = ACCEPT_TIMEOUT)
 {
@@ -375,6 +403,75 @@ TEST_F(ACE_Acceptor_Ex_Test, without_a_timeout_a_slow_handshake_is_awaited)
     });
     EXPECT_TRUE(run_until(host(), [] { return record.opened.size() == 1; }));
     connecting.join();
+}
+
+TEST_F(ACE_Acceptor_Ex_Test, silent_tls_clients_hold_no_other_up)
+{
+    ASSERT_TRUE(configure_tls());
+    const struct {
+        const char* name;
+        ACE_Reactor_Impl* (*make)();
+    } kinds[] = {
+        {"select", []() -> ACE_Reactor_Impl* { return new ACE_Select_Reactor; }},
+        {"thread pool", []() -> ACE_Reactor_Impl* { return new ACE_TP_Reactor; }},
+        {"epoll", []() -> ACE_Reactor_Impl* { return new Epoll_Reactor; }},
+    };
+    for (const auto& kind : kinds) {
+        SCOPED_TRACE(kind.name);
+        record = Record();
+        log.clear();
+        ACE_Reactor reactor(kind.make(), true);
+        constexpr int NO_LIMIT = -1;
+        auto acceptor = std::make_unique<Tls_Acceptor>(loops, NO_LIMIT, BACKLOG, false, 0, 0);
+        ASSERT_EQ(acceptor->open(ACE_INET_Addr("127.0.0.1:0"), &reactor, 0, 0, 1), 0);
+        std::vector<Test_Fd> silent;
+        for (int i = 0; i < 3; ++i) {
+            silent.push_back(connect_to(port_of(*acceptor)));
+        }
+        const Tls_Connecting first(port_of(*acceptor));
+        const Tls_Connecting second(port_of(*acceptor));
+        EXPECT_TRUE(run_until(
+            reactor, [&] { return record.opened.size() == 2 && first.done() && second.done(); }));
+        EXPECT_TRUE(first.connected() && second.connected());
+        EXPECT_EQ(record.alive, 3) << "those that are waited for";
+        silent.pop_back();
+        EXPECT_TRUE(run_until(
+            reactor, [this] { return log.count(LM_ERROR, "Failed to accept connection") == 1; }));
+        EXPECT_EQ(record.alive, 2);
+        acceptor.reset();
+        EXPECT_EQ(record.alive, 0);
+        for (const Test_Fd& client : silent) {
+            EXPECT_EQ(read_up_to(client.get(), 1), "") << "closed with the listener";
+        }
+        EXPECT_EQ(log.lines().size(), 1U) << "the end of a listener is no failure";
+    }
+}
+
+TEST_F(ACE_Acceptor_Ex_Test, a_handshake_that_the_reactor_does_not_take_is_waited_for)
+{
+    class Full_Reactor : public ACE_Select_Reactor {
+    public:
+        using ACE_Select_Reactor::register_handler;
+        int register_handler(ACE_Event_Handler* handler, ACE_Reactor_Mask mask) override
+        {
+            if (mask != ACE_Event_Handler::ACCEPT_MASK) {
+                errno = EINVAL; // as for a descriptor from FD_SETSIZE up
+                return -1;
+            }
+            return ACE_Select_Reactor::register_handler(handler, mask);
+        }
+    };
+    ASSERT_TRUE(configure_tls());
+    ACE_Reactor reactor(new Full_Reactor, true);
+    Tls_Acceptor acceptor(loops, 1, BACKLOG, false, 0, 0);
+    ASSERT_EQ(acceptor.open(ACE_INET_Addr("127.0.0.1:0"), &reactor, 0, 0, 1), 0);
+    const Test_Fd silent = connect_to(port_of(acceptor));
+    EXPECT_TRUE(run_until(
+        reactor, [this] { return log.count(LM_ERROR, "Failed to accept connection") == 1; }));
+    EXPECT_EQ(record.alive, 0);
+    const Tls_Connecting client(port_of(acceptor));
+    EXPECT_TRUE(run_until(reactor, [&] { return record.opened.size() == 1 && client.done(); }));
+    EXPECT_TRUE(client.connected());
 }
 
 TEST_F(ACE_Acceptor_Ex_Test, an_accept_without_a_connection_is_logged_with_an_empty_address)

@@ -295,6 +295,26 @@ TEST(HTTP_TLS_Listener, silent_client_is_given_up)
     EXPECT_EQ(0, server.host().stop(SIGTERM));
 }
 
+TEST(HTTP_TLS_Listener, silent_clients_without_a_time_limit_hold_no_other_up)
+{
+    Probe_Server::Setup no_limit;
+    no_limit.options = {"--accept-timeout=-1"};
+    Listener_Server server(Listener_Kind::TLS, no_limit);
+    std::vector<std::unique_ptr<Wire_Client>> silent;
+    for (int i = 0; i < 100; ++i) {
+        silent.push_back(Wire_Client::tcp(server.address(), server.port()));
+        ASSERT_NE(nullptr, silent.back());
+        // Every other one has begun: the first bytes of a ClientHello.
+        ASSERT_TRUE(i % 2 == 0 || silent.back()->send(std::string("\x16\x03\x01\x02\x00\x01", 6)));
+    }
+    expect_service(server);
+    EXPECT_EQ(0, server.host().stop(SIGTERM)) << "it waits for none of them";
+    EXPECT_EQ(Lines(), texts_of(server.host(), "ERROR"));
+    for (const auto& client : silent) {
+        EXPECT_TRUE(client->is_closed_by_peer());
+    }
+}
+
 TEST(HTTP_TLS_Listener, half_a_handshake_is_given_up)
 {
     Listener_Server server(Listener_Kind::TLS, short_accept());
