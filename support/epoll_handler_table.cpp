@@ -182,6 +182,7 @@ int Epoll_Handler_Table::bind(ACE_HANDLE handle, ACE_Event_Handler* handler, ACE
         slot->queued = 0;
         slot->suspended = false;
         slot->armed = false;
+        slot->arming = true;
         slot->always_ready = false;
         slot->closing = false;
     }
@@ -312,6 +313,7 @@ int Epoll_Handler_Table::resume(ACE_HANDLE handle, const ACE_Event_Handler* expe
             return 0;
         }
         generation = slot->generation;
+        slot->arming = true;
     }
 
     if (this->arm(handle, generation, events) == 0) {
@@ -584,7 +586,8 @@ int Epoll_Handler_Table::control(int operation, ACE_HANDLE handle, uint32_t gene
  * Puts a descriptor into the epoll set, without the lock: a descriptor that is ready already wakes
  * the loop within the call, and a loop that ran into a held lock would cost two switches of threads
  * for each accepted connection. What other threads did to the binding meanwhile is made up for
- * afterwards.
+ * afterwards; but who removes or suspends it, perhaps to close the descriptor next, has taken it
+ * out of the set already when it was there.
  */
 int Epoll_Handler_Table::arm(ACE_HANDLE handle, uint32_t generation, uint32_t events)
 {
@@ -592,9 +595,16 @@ int Epoll_Handler_Table::arm(ACE_HANDLE handle, uint32_t generation, uint32_t ev
     const int error = errno;
     Guard guard(mutex_);
     Slot& slot = *this->slot(handle);
-    if (slot.handler == nullptr || slot.generation != generation) {
-        // Removed again before it was in the set; a newer binding will find it there.
+    if (slot.generation != generation) {
+        // A newer binding will find it in the set.
         if (result == 0 && slot.handler == nullptr) {
+            this->control(EPOLL_CTL_DEL, handle, generation, 0);
+        }
+        return 0;
+    }
+    const bool in_set = std::exchange(slot.arming, false) && result == 0;
+    if (slot.handler == nullptr) { // removed before it was in the set
+        if (in_set) {
             this->control(EPOLL_CTL_DEL, handle, generation, 0);
         }
         return 0;
@@ -604,10 +614,10 @@ int Epoll_Handler_Table::arm(ACE_HANDLE handle, uint32_t generation, uint32_t ev
         errno = error;
         return -1;
     }
-    if (!refused) {
+    if (in_set || (result == -1 && !refused)) {
         this->set_armed(slot);
     }
-    if (result == 0 && !slot.suspended && to_epoll(slot.mask) == events) {
+    if (in_set && !slot.suspended && to_epoll(slot.mask) == events) {
         return 0;
     }
     return this->synchronise(handle, slot);
@@ -627,9 +637,12 @@ int Epoll_Handler_Table::synchronise(ACE_HANDLE handle, Slot& slot)
 {
     const uint32_t events = slot.suspended ? 0 : to_epoll(slot.mask);
     if (events == 0) {
-        if (std::exchange(slot.armed, false)) {
+        if (std::exchange(slot.armed, false) || slot.arming) {
             const int error = errno;
-            this->control(EPOLL_CTL_DEL, handle, slot.generation, 0); // fails on a closed handle
+            // Fails on a closed handle, and on one that is about to be put in.
+            if (this->control(EPOLL_CTL_DEL, handle, slot.generation, 0) == 0) {
+                slot.arming = false;
+            }
             errno = error;
         }
         return 0;

@@ -129,6 +129,7 @@ private:
         bool linked = false; ///< in the list of those; outlives the binding
         bool suspended = false;
         bool armed = false;        ///< known to be in the epoll set
+        bool arming = false;       ///< a thread is putting it there, see arm()
         bool always_ready = false; ///< refused by epoll: queued for as long as it is wanted
         bool closing = false;      ///< the reference belongs to the thread that runs handle_close
     };
