@@ -11,9 +11,9 @@
 #include <ace/INET_Addr.h>
 #include <ace/UNIX_Addr.h>
 
+#include <fcntl.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <map>
@@ -112,17 +112,23 @@ private:
                                    body_.size() >= io.request().content_length());
     }
 
-    /// Suspends reading and keeps the connection for a while in a thread of its own.
+    /**
+     * Suspends reading and keeps the connection in a thread of its own, until a byte comes from the
+     * FIFO that the query names.
+     */
     int hold(HTTP_IO& io, bool answer) const
     {
         constexpr bool SUSPEND = true;
-        if (io.suspend_read(SUSPEND) == -1) {
+        if (io.request().query() == nullptr || io.suspend_read(SUSPEND) == -1) {
             return -1;
         }
         io.add_reference();
-        std::thread([&io, answer, body = body_] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(300));
-            if (answer) {
+        std::thread([&io, answer, body = body_, fifo = std::string(io.request().query())] {
+            const int word = ::open(fifo.c_str(), O_RDONLY | O_CLOEXEC);
+            char byte = 0;
+            const bool given = ::read(word, &byte, 1) == 1;
+            ::close(word);
+            if (answer && given) {
                 counted(io, body);
             }
             io.remove_reference();
@@ -144,11 +150,12 @@ const std::map<std::string, Probe_Handler::Request_Mode>& Probe_Handler::request
     static const auto& modes = *new const std::map<std::string, Request_Mode>{
         {"hello", [](Probe_Handler&, HTTP_IO& io) { return counted(io, HELLO); }},
         {"thread", [](Probe_Handler&, HTTP_IO& io) { return counted(io, HELLO); }},
-        // Busy for longer than a stopping server waits.
+        // Busy for as long as the process lives.
         {"thread-stuck",
-         [](Probe_Handler&, HTTP_IO&) {
-             std::this_thread::sleep_for(std::chrono::seconds(12));
-             return -1;
+         [](Probe_Handler&, HTTP_IO&) -> int {
+             for (;;) {
+                 ::pause();
+             }
          }},
         // Sends nothing: the engine answers for it.
         {"silent", [](Probe_Handler&, HTTP_IO&) { return 0; }},
@@ -352,8 +359,9 @@ const std::map<std::string, Probe_Handler::Body_Mode>& Probe_Handler::body_modes
              }).detach();
              return 0;
          }},
-        // As "suspend", but the answer takes a while. The thread logs nothing: what a thread keeps
-        // for its log lines would be a leak when the process ends first.
+        // As "suspend", but the answer waits for a word that also reaches a server which takes no
+        // other request. The thread logs nothing: what a thread keeps for its log lines would be a
+        // leak when the process ends first.
         {"late", [](Probe_Handler& self, HTTP_IO& io, const void* data,
                     size_t) { return self.is_whole(io, data) ? self.hold(io, true) : 0; }},
         // As "late", but the answer never comes.

@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -62,6 +63,36 @@ void expect_prompt_stop(Stdio_Host& it)
     EXPECT_EQ(0, it.host().stop(SIGTERM));
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
     EXPECT_EQ(0U, it.host().count_log("left loaded"));
+}
+
+/// A FIFO through which the probe plug-in is told to go on.
+class Word {
+public:
+    Word() : path_(folder_.path() + "/word")
+    {
+        EXPECT_EQ(0, ::mkfifo(path_.c_str(), 0600));
+        handle_ = ::open(path_.c_str(), O_RDWR | O_CLOEXEC); // waits for no reader
+    }
+    ~Word() { ::close(handle_); }
+    Word(const Word&) = delete;
+    Word& operator=(const Word&) = delete;
+
+    const std::string& path() const { return path_; }
+    void give() const { EXPECT_EQ(1, ::write(handle_, "!", 1)); }
+
+private:
+    Temporary_Folder folder_;
+    std::string path_;
+    int handle_ = -1;
+};
+
+/// Stops the host while the plug-in waits for its word, which it gets then.
+int stop_and_give(Stdio_Host& it, const Word& word)
+{
+    EXPECT_EQ(0, ::kill(it.host().pid(), SIGTERM));
+    EXPECT_TRUE(it.host().wait_for_log("Stopping on SIGTERM."));
+    word.give();
+    return it.wait_for_end();
 }
 
 /// A host with a folder "root" served by the plug-in `files`.
@@ -511,10 +542,11 @@ TEST(Stdio_Service, stops_on_a_signal_while_a_websocket_is_open)
 TEST(Stdio_Service, waits_for_a_plug_in_that_still_answers_when_it_stops)
 {
     for (const Kind kind : ALL_KINDS) {
+        const Word word;
         Stdio_Host it(with_kind(kind));
-        it.client().send(body_request("POST", "/probe/late", "abc"));
+        it.client().send(body_request("POST", "/probe/late?" + word.path(), "abc"));
         ASSERT_TRUE(it.host().wait_for_log("probe: handle_body 3"));
-        EXPECT_EQ(0, it.host().stop(SIGTERM));
+        EXPECT_EQ(0, stop_and_give(it, word));
         EXPECT_EQ(0U, it.host().count_log("left loaded"));
         EXPECT_EQ("abc", it.client().read_response().body);
         EXPECT_EQ(1U, it.host().count_log("probe: handle_close late"));
@@ -525,10 +557,11 @@ TEST(Stdio_Service, waits_for_a_plug_in_that_holds_the_connection_when_it_stops)
 {
     for (const std::string target : {"/probe/hold", "/probe/thread/hold"}) {
         SCOPED_TRACE(target);
+        const Word word;
         Stdio_Host it;
-        it.client().send(body_request("POST", target, "abc"));
+        it.client().send(body_request("POST", target + "?" + word.path(), "abc"));
         ASSERT_TRUE(it.host().wait_for_log("probe: handle_body 3"));
-        EXPECT_EQ(0, it.host().stop(SIGTERM));
+        EXPECT_EQ(0, stop_and_give(it, word));
         EXPECT_EQ(0U, it.host().count_log("left loaded"));
         EXPECT_EQ(1U, it.host().count_log("probe: handle_close hold"));
     }
