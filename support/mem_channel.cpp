@@ -2,6 +2,7 @@
 
 #include "support/descriptor_wait.h"
 #include "support/descriptor_write.h"
+#include "support/mem_pool_file.h"
 #include "support/socket_helpers.h"
 
 #include <ace/Guard_T.h>
@@ -45,6 +46,7 @@ int Mem_Channel::open(int handle, const char* path)
     if (init(handle, path, &options) == -1) {
         return -1;
     }
+    Mem_Pool_File::lock(shm_malloc_->memory_pool().mmap().handle());
     return 0;
 }
 

@@ -1,22 +1,18 @@
 #include "support/accept_socket.h"
+#include "support/mem_pool_file.h"
 #include "support/peer_acceptor_traits.h"
 #include "support/socket_helpers.h"
 
-#include <ace/ACE.h>
 #include <ace/INET_Addr.h>
-#include <ace/Lib_Find.h>
 #include <ace/MEM_Addr.h>
 
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/random.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdint>
-#include <cstdio>
-#include <cstring>
+#include <new>
+#include <string>
 
 using Traits = ACE_Peer_Acceptor_Traits<MEM_Stream>;
 
@@ -57,29 +53,24 @@ int receive_all(int handle, void* data, size_t length, const Accept_Limit& limit
     return 0;
 }
 
-/// A name that nobody can guess: the directory is open to all.
-int make_pool_path(const ACE_MEM_Acceptor& acceptor, int port, char* path, size_t size)
+/// Makes the pool and tells its name.
+int open_pool(const ACE_MEM_Acceptor& acceptor, MEM_Stream& stream, int port)
 {
-    uint64_t unique = 0;
-    if (getrandom(&unique, sizeof unique, 0) != sizeof unique) {
+    try {
+        const std::string path = Mem_Pool_File::make_path(Mem_Pool_File::prefix(acceptor, port));
+        if (path.empty() || stream.open_pool(path.c_str()) == -1) {
+            return -1;
+        }
+        const int handle = stream.get_handle();
+        const auto length = static_cast<uint16_t>(path.size() + 1);
+        return ace_send(handle, &length, sizeof length) == -1 ||
+                       ace_send(handle, path.c_str(), length) == -1
+                   ? -1
+                   : 0;
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
         return -1;
     }
-    char directory[PATH_MAX];
-    const char* prefix = acceptor.mmap_prefix();
-    if (prefix == nullptr && ACE::get_temp_dir(directory, sizeof directory) == -1) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    const int length = prefix != nullptr
-                           ? std::snprintf(path, size, "%s_%d_%016llx", prefix, port,
-                                           static_cast<unsigned long long>(unique))
-                           : std::snprintf(path, size, "%sMEM_Acceptor_%d_%016llx", directory, port,
-                                           static_cast<unsigned long long>(unique));
-    if (length < 0 || static_cast<size_t>(length) >= size) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    return 0;
 }
 
 /**
@@ -100,15 +91,23 @@ int shake_hands(const ACE_MEM_Acceptor& acceptor, MEM_Stream& stream, int port,
         errno = EPROTO;
         return -1;
     }
-    char path[PATH_MAX];
-    if (make_pool_path(acceptor, port, path, sizeof path) == -1 || stream.open_pool(path) == -1) {
-        return -1;
+    return open_pool(acceptor, stream, port);
+}
+
+int port_of(const ACE_MEM_Acceptor& acceptor)
+{
+    ACE_MEM_Addr local;
+    acceptor.get_local_addr(local);
+    return local.get_port_number();
+}
+
+void remove_stale_pools(const ACE_MEM_Acceptor& acceptor)
+{
+    try {
+        Mem_Pool_File::remove_stale(Mem_Pool_File::prefix(acceptor, port_of(acceptor)));
+    } catch (const std::bad_alloc&) {
+        // They stay until the next start.
     }
-    const auto length = static_cast<uint16_t>(std::strlen(path) + 1);
-    if (ace_send(handle, &length, sizeof length) == -1 || ace_send(handle, path, length) == -1) {
-        return -1;
-    }
-    return 0;
 }
 
 } // namespace
@@ -130,6 +129,7 @@ int Traits::open(Peer_Acceptor& acceptor, const ACE_Addr& address, int reuse_add
         errno = error;
         return -1;
     }
+    remove_stale_pools(acceptor);
     return 0;
 }
 
@@ -148,11 +148,9 @@ int Traits::accept(Peer_Acceptor& acceptor, MEM_Stream& stream, ACE_Addr* remote
         static_cast<ACE_MEM_Addr&>(*remote).set_port_number(client.get_port_number());
     }
     stream.set_handle(handle);
-    ACE_MEM_Addr local;
-    acceptor.get_local_addr(local);
     // Each message is announced by eight bytes, which must not wait for the answer to the last.
     if (set_sock_nodelay(stream, true) == 0 &&
-        shake_hands(acceptor, stream, local.get_port_number(), limit, restart) == 0) {
+        shake_hands(acceptor, stream, port_of(acceptor), limit, restart) == 0) {
         return 0;
     }
     const int error = errno;

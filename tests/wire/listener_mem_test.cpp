@@ -2,6 +2,7 @@
 #include "tests/support/exact_line.h"
 #include "tests/support/listener_checks.h"
 #include "tests/support/listener_server.h"
+#include "tests/support/mem_client.h"
 #include "tests/support/socket_name.h"
 
 #include <ace/INET_Addr.h>
@@ -65,6 +66,25 @@ TEST(Shared_Memory_Listener, leaves_no_pool_behind)
     EXPECT_EQ(0, server.host().stop(SIGTERM));
     client.reset();
     EXPECT_EQ(0U, count_pool_files(server.port()));
+}
+
+TEST(Shared_Memory_Listener, removes_what_a_killed_one_has_left)
+{
+    const unsigned short port = free_local_port();
+    Host_Process::Command command;
+    command.service = {"-p", std::to_string(port) + "m"};
+    std::unique_ptr<Wire_Client> client;
+    {
+        Host_Process killed(command);
+        client = connect_mem(port);
+        ASSERT_NE(nullptr, client);
+        EXPECT_EQ(-SIGKILL, killed.stop(SIGKILL));
+    }
+    EXPECT_EQ(1U, count_pool_files(port));
+
+    Host_Process next(command);
+    EXPECT_EQ(0U, count_pool_files(port));
+    EXPECT_EQ(0, next.stop(SIGTERM));
 }
 
 TEST(Shared_Memory_Listener, gives_up_a_client_that_does_not_shake_hands)
