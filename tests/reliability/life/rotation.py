@@ -4,7 +4,7 @@ import os
 import threading
 
 from access_log import Access_Log
-from checks import mebibytes, number
+from checks import number
 from crowd import HELLO, HTTP
 from host_program import Host_Program
 from strict_client import Ended, Strict_Client, Wrong
@@ -101,4 +101,4 @@ def rotation(run):
     run.figure("lost", len(lost))
     run.figure("twice", len(twice))
     run.figure("torn", len(log.torn))
-    run.figure("largest file", mebibytes(log.largest))
+    run.figure("largest file", f"{log.largest / 1024:.1f} KiB of {KIBIBYTES} KiB")
