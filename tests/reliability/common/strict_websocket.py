@@ -44,7 +44,8 @@ class Strict_WebSocket(Byte_Source):
         """(FIN, opcode, payload) of the next one."""
         self.taken = 0
         first, second = self.take(2)
-        if first & 0x70 or second & 0x80 or first & 0x0F not in (0, TEXT, BINARY, CLOSE, PING, PONG):
+        known = first & 0x0F in (0, TEXT, BINARY, CLOSE, PING, PONG)
+        if first & 0x70 or second & 0x80 or not known:
             raise Wrong("no frame of a server: %02x %02x" % (first, second))
         length = second
         if second == 126:

@@ -8,7 +8,8 @@ import time
 import process_figures
 import shared_memory
 from checks import milliseconds, number
-from crowd import HELLO, LISTEN, Crowd, Tally, loads, make_files, make_host
+from crowd import Crowd, Tally
+from loads import HELLO, LISTEN, loads, make_files, make_host
 
 
 class Killed_Host:

@@ -5,8 +5,8 @@ import threading
 
 from access_log import Access_Log
 from checks import number
-from crowd import HELLO, HTTP
 from host_program import Host_Program
+from loads import HELLO, HTTP
 from strict_client import Ended, Strict_Client, Wrong
 
 WRITERS = 8         # half of them event loops, half threads of one connection

@@ -8,9 +8,9 @@ from dataclasses import dataclass
 import process_figures
 import shared_memory
 from checks import Failure, mebibytes, number
-from crowd import HELLO, LISTEN, Crowd, loads, make_files
-from crowd import HTTP, WEBSOCKET
+from crowd import Crowd
 from host_program import LIMIT, Host_Program
+from loads import HELLO, HTTP, LISTEN, WEBSOCKET, loads, make_files
 
 # Descriptors and threads are compared with those of the first rounds. Each thread's part of the
 # allocator takes many rounds until it keeps as much free memory as it ever will, so memory counts
@@ -57,7 +57,8 @@ class Directive_Host(Host_Program):
         self.process.stdin.flush()
         answer = self.process.stdout.readline().split()
         if len(answer) != 2 or answer[0] != b"done":
-            raise Failure(f"directive \"{text[:40]}...\": {answer}\n" + "\n".join(self.log()[-9:]))
+            raise Failure(f"directive \"{text[:40]}...\": {answer}\n"
+                          + "\n".join(self.log()[-9:]))
         return int(answer[1])
 
     def load(self):
@@ -140,8 +141,9 @@ def service_cycles(run):
             history.append(state)
             in_memory += answers
             if (i + 1) % 10 == 0:
-                run.progress(f"{i + 1} of {rounds}: {state.descriptors} descriptors, {state.threads} "
-                             f"threads, {mebibytes(state.resident)}, heap {state.heap >> 10} KiB")
+                run.progress(f"{i + 1} of {rounds}: {state.descriptors} descriptors, "
+                             f"{state.threads} threads, {mebibytes(state.resident)}, "
+                             f"heap {state.heap >> 10} KiB")
             if run.failures:
                 break
         tally = crowd.leave()

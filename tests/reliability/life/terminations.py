@@ -4,7 +4,8 @@ import random
 import time
 
 from checks import milliseconds, number
-from crowd import Crowd, Tally, loads, make_files, make_host
+from crowd import Crowd, Tally
+from loads import loads, make_files, make_host
 
 # What a stopping service waits for plug-ins in threads of their own, and a little for the rest.
 DRAIN_SECONDS = 10

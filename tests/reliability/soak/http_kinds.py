@@ -14,6 +14,9 @@ KINDS = sorted(set(ORDER), key=ORDER.count, reverse=True)
 # After so many requests a connection is made anew.
 LIFETIMES = {"get": 1000, "post": 200, "close": 1, "tls": 20, "thread": 10}
 
+# Or after so many seconds without a request: the server closes those that are idle for a minute.
+IDLE = 20
+
 HELLO = b"Hello, World!"
 LIMIT = 60  # seconds for one answer
 _LENGTH = re.compile(rb"\r\ncontent-length: *(\d+)\r\n", re.IGNORECASE)
@@ -78,18 +81,19 @@ class Asker:
 
     async def _connection(self, kind):
         """The kind's connection, made anew when it has served its time."""
-        left, reader, writer = self._connections.get(kind, (0, None, None))
-        if left == 0:
+        now = asyncio.get_running_loop().time()
+        left, used, reader, writer = self._connections.get(kind, (0, 0, None, None))
+        if left == 0 or now - used > IDLE:
             self._drop(kind)
             secure = {"ssl": self._tls} if kind == "tls" else {}
             reader, writer = await asyncio.open_connection(
                 self._address, 8443 if kind == "tls" else 8080, **secure)
             left = LIFETIMES[kind]
-        self._connections[kind] = (left - 1, reader, writer)
+        self._connections[kind] = (left - 1, now, reader, writer)
         return reader, writer
 
     def _drop(self, kind):
-        _, _, writer = self._connections.pop(kind, (0, None, None))
+        writer = self._connections.pop(kind, (None,))[-1]
         if writer is not None:
             writer.close()
 

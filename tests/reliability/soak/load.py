@@ -1,8 +1,8 @@
 """One process of the load. Its only argument is a JSON object:
 
 address, files (folder of the served files), rate (requests a second), askers, websockets (how many
-clients of each), arrival (seconds within which the latter come), seed. Each second it prints its counts as a line of JSON; it ends, with a last
-line, when its standard input does.
+clients of each), arrival (seconds within which the latter come), seed. Each second it prints its
+counts as a line of JSON; it ends, with a last line, when its standard input does.
 """
 
 import asyncio
