@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <new>
@@ -15,7 +16,7 @@ namespace {
 /// Reads and drops what is there. @return bytes dropped, 0 at the end, -1 with errno.
 ssize_t drop_input(ACE_HANDLE handle)
 {
-    char bin[16 * 1024]; // on the stack, which has it already
+    char bin[64 * 1024]; // on the stack, which has it already
     ssize_t received;
     do {
         received = ::recv(handle, bin, sizeof bin, MSG_DONTWAIT);
@@ -50,7 +51,8 @@ void Lingering_Close::start(ACE_Reactor& reactor, ACE_HANDLE handle)
     }
     // The reference that the constructor gave, dropped here: the reactor and the timer hold theirs.
     ACE_Event_Handler_var owner(closer);
-    closer->timer_id_ = reactor.schedule_timer(closer, nullptr, ACE_Time_Value(LIMIT_SECONDS));
+    const ACE_Time_Value second(1);
+    closer->timer_id_ = reactor.schedule_timer(closer, nullptr, second, second);
     if (closer->timer_id_ == -1) {
         return;
     }
@@ -63,38 +65,32 @@ void Lingering_Close::start(ACE_Reactor& reactor, ACE_HANDLE handle)
 void Lingering_Close::run(ACE_HANDLE handle)
 {
     using Clock = std::chrono::steady_clock;
-    const Clock::time_point end = Clock::now() + std::chrono::seconds(LIMIT_SECONDS);
-    size_t dropped = 0;
-    while (dropped < LIMIT_BYTES) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+    using std::chrono::milliseconds;
+    constexpr milliseconds SILENCE = std::chrono::seconds(SILENCE_SECONDS);
+    const Clock::time_point end = Clock::now() + std::chrono::seconds(THREAD_LIMIT_SECONDS);
+    for (;;) {
+        const auto left = std::chrono::duration_cast<milliseconds>(end - Clock::now());
         pollfd input = {handle, POLLIN, 0};
-        if (left <= 0 || ::poll(&input, 1, static_cast<int>(left)) == 0) {
+        if (left.count() <= 0 ||
+            ::poll(&input, 1, static_cast<int>(std::min(left, SILENCE).count())) == 0 ||
+            is_over(drop_input(handle))) {
             break;
         }
-        const ssize_t received = drop_input(handle);
-        if (is_over(received)) {
-            break;
-        }
-        dropped += received > 0 ? static_cast<size_t>(received) : 0U;
     }
     ACE_OS::close(handle);
 }
 
 int Lingering_Close::handle_input(ACE_HANDLE)
 {
-    const ssize_t received = drop_input(handle_);
-    if (is_over(received)) {
-        return -1;
-    }
-    dropped_ += received > 0 ? static_cast<size_t>(received) : 0U;
-    return dropped_ < LIMIT_BYTES ? 0 : -1;
+    silent_ticks_ = 0;
+    return is_over(drop_input(handle_)) ? -1 : 0;
 }
 
 int Lingering_Close::handle_timeout(const ACE_Time_Value&, const void*)
 {
-    timer_id_ = -1;
-    this->reactor()->remove_handler(this, ALL_EVENTS_MASK);
+    if (++ticks_ >= LIMIT_SECONDS || ++silent_ticks_ > SILENCE_SECONDS) {
+        this->reactor()->remove_handler(this, ALL_EVENTS_MASK);
+    }
     return 0;
 }
 

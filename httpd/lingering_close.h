@@ -9,16 +9,22 @@ class ACE_Reactor;
  *
  * A socket that is closed with unread input answers it with a reset, which discards the response on
  * its way (RFC 9112, section 9.6). So the sending side was shut, and what still arrives is read and
- * dropped, for LIMIT_SECONDS or LIMIT_BYTES, or until the client closes.
+ * dropped, however much it is: many clients read no response before they have sent all. It ends
+ * when the client closes, has sent nothing for SILENCE_SECONDS, or after LIMIT_SECONDS in all.
  */
 class Lingering_Close : public ACE_Event_Handler {
 public:
-    enum { LIMIT_SECONDS = 2, LIMIT_BYTES = 1024 * 1024 };
+    enum {
+        SILENCE_SECONDS = 2,
+        LIMIT_SECONDS = 30,
+        THREAD_LIMIT_SECONDS = 8 ///< in a worker thread: the end of the service waits for those
+    };
 
     /// Drops the input as an event handler of `reactor`. Takes the descriptor. Any thread.
     static void start(ACE_Reactor& reactor, ACE_HANDLE handle);
 
-    /// Drops the input in the calling thread. Takes the descriptor.
+    /// Drops the input in the calling thread, for THREAD_LIMIT_SECONDS at most. Takes the
+    /// descriptor.
     static void run(ACE_HANDLE handle);
 
     ACE_HANDLE get_handle() const override { return handle_; }
@@ -31,6 +37,7 @@ private:
     ~Lingering_Close() override;
 
     ACE_HANDLE handle_;
-    size_t dropped_ = 0;
-    long timer_id_ = -1;
+    long timer_id_ = -1; ///< ticks once a second
+    int ticks_ = 0;
+    int silent_ticks_ = 0; ///< since the last input
 };

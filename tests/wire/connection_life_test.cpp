@@ -332,6 +332,21 @@ TEST(Connection_Lingering_Close, lets_the_client_read_the_refusal_of_a_large_req
     }
 }
 
+TEST(Connection_Lingering_Close, takes_all_that_a_client_sends_before_it_reads)
+{
+    Probe_Server server;
+    const std::string body(10 * 1024 * 1024, 'x');
+    for (const std::string target : {"/nothing", "/probe/thread/until-close"}) {
+        SCOPED_TRACE(target);
+        const auto client = server.connect();
+        ASSERT_NE(nullptr, client);
+        ASSERT_TRUE(client->send(body_request("POST", target, body)));
+        std::string response;
+        EXPECT_EQ(0, end_of(*client, response)) << std::strerror(errno);
+        EXPECT_EQ(0U, response.find("HTTP/1.1 ")) << response;
+    }
+}
+
 TEST(Connection_Lingering_Close, takes_the_rest_of_a_request_and_ends_in_order)
 {
     Probe_Server server;
