@@ -81,6 +81,7 @@ ACE_Message_Queue<Sync>* unused_queue()
 #include "httpd/http_svc_handler_t_file.ipp"
 #include "httpd/http_svc_handler_t_life.ipp"
 #include "httpd/http_svc_handler_t_receive.ipp"
+#include "httpd/http_svc_handler_t_room.ipp"
 #include "httpd/http_svc_handler_t_send.ipp"
 #include "httpd/http_svc_handler_t_timers.ipp"
 #include "httpd/http_svc_handler_t_websocket.ipp"

@@ -72,6 +72,7 @@ public:
     int open(void* acceptor = nullptr) override;
     int close(u_long flags = 0) override;
     int handle_input(ACE_HANDLE handle) override;
+    int handle_output(ACE_HANDLE handle) override;
     int handle_timeout(const ACE_Time_Value& now, const void* act) override;
     int handle_close(ACE_HANDLE handle, ACE_Reactor_Mask mask) override;
     int svc() override;
@@ -167,6 +168,13 @@ private:
     int handle_ping_interval(const ACE_Time_Value& now, const ACE_Time_Value& interval);
     int schedule_ping_timeout(bool debugging);
 
+    // --- a client that does not read what it is sent ---
+    void count_output(size_t bytes);
+    bool looks_full() const;
+    bool has_room();
+    int wait_for_room();
+    int handle_room_timeout();
+
     // --- receiving ---
     int handle_data_reading(const ACE_Time_Value* timeout);
     int make_room();
@@ -246,18 +254,21 @@ private:
     std::atomic<CONCURRENT_STATE> concurrent_state_{STATE_INITIAL};
     long interval_timer_id_ = -1;    ///< the repeating timer: idle time or ping interval
     long ping_timer_id_ = -1;        ///< the one-shot ping timeout
+    long room_timer_id_ = -1;        ///< armed while the socket has no room: no input is read then
     ACE_Time_Value last_input_time_; ///< by the loop's timer clock
 
     /// Declared length of a kept-alive counted response. Not the request's: a plug-in may answer
     /// while the body still arrives.
     std::uint64_t response_length_ = 0;
     Upcall* upcall_ = nullptr;
-    bool close_sent_ = false;              ///< our close frame has been sent
-    bool buffer_filled_ = false;           ///< by the last read
-    bool released_ = false;                ///< handle_close_i has run
-    bool logged_ = false;                  ///< the current request has its access-log line
-    bool header_received_ = false;         ///< the current request's header is complete
-    bool nonblocking_ = false;             ///< the socket's mode, changed to send from a file
+    unsigned output_unlooked_ = 0; ///< bytes sent since the socket was seen to have room
+    int unsent_ = 0;               ///< bytes that lay in the socket when the timer was armed
+    bool close_sent_ = false;      ///< our close frame has been sent
+    bool buffer_filled_ = false;   ///< by the last read
+    bool released_ = false;        ///< handle_close_i has run
+    bool logged_ = false;          ///< the current request has its access-log line
+    bool header_received_ = false; ///< the current request's header is complete
+    bool nonblocking_ = false;     ///< the socket's mode, changed to send from a file
     std::atomic<bool> close_asked_{false}; ///< by a send while reading was suspended
     std::atomic<unsigned> wakes_{0};       ///< changes when a suspended worker is to look again
     std::atomic<bool> interrupted_{false}; ///< the service ends; a worker thread is to stop

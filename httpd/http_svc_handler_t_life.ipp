@@ -116,6 +116,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_input(ACE_HANDLE)
     if (concurrent_state_ != STATE_REACTIVE) {
         return 0; // a notification that comes late: suspended again, in a worker thread, or closed
     }
+    if (this->looks_full() && !this->has_room()) {
+        return this->wait_for_room();
+    }
     Upcall upcall;
     upcall_ = &upcall;
     int result = 0;
@@ -143,7 +146,7 @@ bool HTTP_Svc_Handler_T<Stream, Sync>::expects_more_at_once() const
     return buffer_filled_ && mb_ != nullptr && mb_->length() == 0 &&
            (request_state_ == HTTP_SOCK_STATE_CONTENT_RECEIVING ||
             request_state_ == HTTP_SOCK_STATE_WEBSOCKET_HANDSHAKED) &&
-           concurrent_state_ == STATE_REACTIVE && !this->closing_;
+           concurrent_state_ == STATE_REACTIVE && !this->closing_ && !this->looks_full();
 }
 
 /**
@@ -193,7 +196,8 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_timeout(const ACE_Time_Value& now, 
     }
     Upcall upcall;
     upcall_ = &upcall;
-    const int result = this->handle_timeout_i(now, act);
+    const int result = act == &room_timer_id_ ? this->handle_room_timeout()
+                                              : this->handle_timeout_i(now, act);
     upcall_ = nullptr;
     if (this->closing_) {
         this->handle_close(ACE_INVALID_HANDLE, ACE_Event_Handler::ALL_EVENTS_MASK);

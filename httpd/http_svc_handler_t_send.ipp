@@ -106,6 +106,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::headers_content_sent(size_t payload, bool 
                                                            bool keep, bool last)
 {
     content_sent_ += payload;
+    this->count_output(payload + FRAMING_BYTES);
     if (keep && !head) {
         response_length_ = response_.content_length();
     }
@@ -122,6 +123,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::headers_chunked_sent(size_t payload, bool 
                                                            bool last)
 {
     content_sent_ += payload;
+    this->count_output(payload + FRAMING_BYTES);
     // A chunked response to HEAD keeps its chunks, unlike a counted one; intended, and pinned by
     // HTTP_Send.chunked_head_keeps_its_body.
     constexpr bool HEAD = false;
@@ -227,6 +229,7 @@ template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::body_content_sent(size_t payload, bool last)
 {
     content_sent_ += payload;
+    this->count_output(payload + FRAMING_BYTES);
     constexpr bool HEADERS = false;
     constexpr bool PIECE = true;
     constexpr bool HEAD = false;
@@ -242,6 +245,7 @@ template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::body_chunked_sent(size_t payload, bool last)
 {
     content_sent_ += payload;
+    this->count_output(payload + FRAMING_BYTES);
     constexpr bool HEADERS = false;
     constexpr bool PIECE = true;
     constexpr bool HEAD = false;

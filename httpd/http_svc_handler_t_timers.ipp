@@ -34,7 +34,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::schedule_timer_i(const ACE_Time_Value* int
     return 0;
 }
 
-/// Cancels both timers without a handle_close. @return how many there were.
+/// Cancels the timers without a handle_close. @return how many there were.
 template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::cancel_timers()
 {
@@ -43,7 +43,8 @@ int HTTP_Svc_Handler_T<Stream, Sync>::cancel_timers()
         return 0;
     }
     return Timer_Slot(*reactor, interval_timer_id_).cancel() +
-           Timer_Slot(*reactor, ping_timer_id_).cancel();
+           Timer_Slot(*reactor, ping_timer_id_).cancel() +
+           Timer_Slot(*reactor, room_timer_id_).cancel();
 }
 
 /// @return 0, or another value when the connection is to be closed.

@@ -357,6 +357,8 @@ ssize_t HTTP_Svc_Handler_T<Stream, Sync>::write_frame(const iovec* iov, int coun
     if (sent == -1) {
         HTTPD_ERROR("Failed to send WebSocket data frame to %s: %m",
                     addr_string_type(remote_addr_, WITH_PORT).c_str());
+    } else {
+        this->count_output(static_cast<size_t>(sent));
     }
     return sent;
 }
@@ -475,7 +477,9 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_ping_interval(const ACE_Time_Value&
         return 0;
     }
     constexpr bool WAIT = false;
-    if (this->send_ping(WAIT) < 0) {
+    // A ping would wait for room, too, and hold up the loop with it. A client that reads nothing is
+    // given the time that it has for a pong.
+    if (room_timer_id_ == -1 && this->send_ping(WAIT) < 0) {
         return -1;
     }
     const bool debugging = ACE::debug();

@@ -7,8 +7,11 @@
 #include <ace/SOCK.h>
 
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -242,4 +245,16 @@ int send_limit_ms(int handle)
     errno = error;
     return milliseconds > 0 ? static_cast<int>(std::min<int64_t>(milliseconds, INT_MAX))
                             : DEFAULT_SEND_LIMIT * 1000;
+}
+
+bool socket_has_room(int handle)
+{
+    constexpr int AT_ONCE = 0;
+    return wait_for_handle(handle, POLLOUT, Deadline::after_ms(AT_ONCE)) != 0;
+}
+
+int unsent_bytes(int handle)
+{
+    int bytes = 0;
+    return ioctl(handle, SIOCOUTQ, &bytes) == 0 ? bytes : 0;
 }

@@ -55,3 +55,13 @@ constexpr int DEFAULT_SEND_LIMIT = 30;
 
 /// The send limit of `handle` in milliseconds: its SO_SNDTIMEO, else DEFAULT_SEND_LIMIT.
 HTTPD_SUPPORT_EXPORT int send_limit_ms(int handle);
+
+/**
+ * Whether a send on the socket will find room: a third of a TCP socket's buffer is free, three
+ * quarters of a UNIX-domain one's. True also when the socket has failed, which a send or a receive
+ * tells then.
+ */
+HTTPD_SUPPORT_EXPORT bool socket_has_room(int handle);
+
+/// Bytes that were sent and that the peer's side has not taken yet; 0 where that cannot be told.
+HTTPD_SUPPORT_EXPORT int unsent_bytes(int handle);
