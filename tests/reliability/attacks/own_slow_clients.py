@@ -38,7 +38,7 @@ class Own_Slow_Clients:
         elif self._mode == "bodies":
             text = f"POST {self._path} HTTP/1.1\r\n{head}Content-Length: 8192\r\n\r\n"
         else:
-            text = f"GET {self._path} HTTP/1.1\r\n{head}\r\n" * 3
+            text = f"GET {self._path} HTTP/1.1\r\n{head}\r\n"
         connection.sendall(text.encode())
         connection.setblocking(False)
         return connection

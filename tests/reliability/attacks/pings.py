@@ -13,7 +13,7 @@ from common.process_figures import forget_peak, peak_resident, resident
 MOST_GROWTH = 16 << 20  # bytes
 PAYLOAD = b"p" * 125    # the longest of a ping
 BATCH = 1000            # pings in one write
-STALLED = 2.0           # seconds without progress
+STALLED = 1.0           # seconds without progress
 
 
 def send_without_reading(connection, unit, times):
@@ -70,7 +70,7 @@ def _ping_one(run, host, path, count):
     with ws.connect(host, path) as connection:
         with Ordinary_Clients(host) as ordinary:
             sent, end = send_without_reading(connection, ping * BATCH, count // BATCH)
-            time.sleep(run.count(3, quick=1))  # that long it holds what it has been given
+            time.sleep(run.count(3, quick=0.1))  # that long it holds what it has been given
         growth = peak_resident(host.pid) - before
         run.figure(path, f"{number(sent // len(ping))} pings {end}, memory "
                    f"+{mebibytes(growth)}")
@@ -116,7 +116,7 @@ def unread_answers(run):
                         clients[-1].setblocking(False)
                     for client in clients:
                         _send_some(client, request * MOST_REQUESTS)
-                    time.sleep(run.count(5, quick=1))
+                    time.sleep(run.count(5, quick=0.5))
                 growth = peak_resident(host.pid) - before
                 run.figure(f"{name}: {len(clients)} clients", f"memory +{mebibytes(growth)}")
                 ordinary.service.report(run, f"beside {name}")
@@ -140,7 +140,7 @@ def _read_late(run, host):
     count = run.count(100, quick=50)
     with raw.connect(host, receive_buffer=1) as client:
         client.sendall(REQUESTS["files"] * count)
-        time.sleep(1)
+        time.sleep(0.5)
         reader = raw.Answer_Reader(client)
         answers = [reader.read() for _ in range(count)]
         good = sum(answer.status == 200 and answer.body == b"m" * MEDIUM for answer in answers)

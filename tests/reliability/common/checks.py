@@ -23,6 +23,7 @@ from typing import Callable
 
 REPOSITORY = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", "..", ".."))
 OK, FAILED, SKIPPED = "ok", "FAILED", "skipped"
+SKIPPED_STATUS = 77  # as ctest is told by SKIP_RETURN_CODE
 
 
 class Failure(Exception):
@@ -172,7 +173,8 @@ def is_sanitized(directory):
 
 
 def main(argv, program, description, checks, add_options=None):
-    """The whole command. Returns its exit status: 0, 1 (a check failed), 130 (interrupted).
+    """The whole command. Returns its exit status: 0; 1 when a check failed, or was skipped without
+    --quick; 77 when all were skipped with it; 130 when interrupted.
 
     add_options: called with the argparse parser; what they say is in Run.arguments.
     """
@@ -200,4 +202,6 @@ def main(argv, program, description, checks, add_options=None):
     skipped = sum(result.outcome == SKIPPED for result in results)
     print(f"\n{len(results) - failed - skipped} of {len(results)} checks passed"
           + (f", {failed} failed" if failed else "") + (f", {skipped} skipped" if skipped else ""))
-    return 1 if failed or (skipped and not arguments.quick) else 0
+    if failed or (skipped and not arguments.quick):
+        return 1
+    return SKIPPED_STATUS if skipped == len(results) else 0
