@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <functional>
 #include <iterator>
 #include <limits>
 #include <map>
@@ -133,6 +132,19 @@ private:
     bool opened_ = false;
 };
 
+/// The order of std::less for the URIs of a registry. That of the library also brings a difference
+/// of lengths into the range of an int, for each comparison.
+struct URI_Order {
+    using is_transparent = void;
+
+    bool operator()(std::string_view left, std::string_view right) const
+    {
+        const int order = std::char_traits<char>::compare(left.data(), right.data(),
+                                                          std::min(left.size(), right.size()));
+        return order != 0 ? order < 0 : left.size() < right.size();
+    }
+};
+
 /// Tells apart registries that would else be of one type.
 struct DLL_Object_Manager_Default_Tag {};
 
@@ -200,35 +212,11 @@ public:
         if (!guard.locked()) {
             return nullptr;
         }
-        auto position = map_.lower_bound(uri);
-        if (position != map_.end() && position->first == uri) {
-            off = uri.size();
-            return position->second.obj_;
-        }
-        // Every prefix of `uri` sorts before it, the longest last.
-        while (position != map_.begin()) {
-            const auto& [key, entry] = *--position;
-            size_t limit = common_length(key, uri);
-            if (limit == key.size()) {
-                if (is_boundary(uri, limit, sep)) {
-                    off = limit;
-                    return entry.obj_;
-                }
-                if (limit == 0) {
-                    break;
-                }
-                --limit;
-            }
-            // A longer prefix than the part in common would sort behind this key. So the search
-            // goes on at the longest prefix that is left, however many keys lie in between that
-            // only begin like `uri`.
-            while (limit > 0 && !is_boundary(uri, limit, sep)) {
-                --limit;
-            }
-            position = map_.upper_bound(uri.substr(0, limit));
-        }
         off = NOT_FOUND;
-        return nullptr;
+        if (map_.empty()) {
+            return nullptr;
+        }
+        return this->find_longest(uri, sep, off);
     }
 
     Object* find(std::string_view uri, char sep) const
@@ -258,9 +246,48 @@ public:
 
 protected:
     mutable Mutex lock_;
-    std::map<std::string, entry_type, std::less<>> map_;
+    std::map<std::string, entry_type, URI_Order> map_;
 
 private:
+    /// find() under the lock, for a registry that is not empty.
+    Object* find_longest(std::string_view uri, char sep, size_t& off) const
+    {
+        auto position = map_.lower_bound(uri);
+        if (position != map_.end() && is_same(position->first, uri)) {
+            off = uri.size();
+            return position->second.obj_;
+        }
+        // Every prefix of `uri` sorts before it, the longest last.
+        while (position != map_.begin()) {
+            const auto& [key, entry] = *--position;
+            size_t limit = common_length(key, uri);
+            if (limit == key.size()) {
+                if (is_boundary(uri, limit, sep)) {
+                    off = limit;
+                    return entry.obj_;
+                }
+                if (limit == 0) {
+                    break;
+                }
+                --limit;
+            }
+            // A longer prefix than the part in common would sort behind this key. So the search
+            // goes on at the longest prefix that is left, however many keys lie in between that
+            // only begin like `uri`.
+            while (limit > 0 && !is_boundary(uri, limit, sep)) {
+                --limit;
+            }
+            position = map_.upper_bound(uri.substr(0, limit));
+        }
+        return nullptr;
+    }
+
+    static bool is_same(std::string_view key, std::string_view uri)
+    {
+        return key.size() == uri.size() &&
+               std::char_traits<char>::compare(key.data(), uri.data(), key.size()) == 0;
+    }
+
     static size_t common_length(std::string_view key, std::string_view uri)
     {
         const auto ends = std::mismatch(key.begin(), key.end(), uri.begin(), uri.end());

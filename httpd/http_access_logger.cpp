@@ -1,5 +1,6 @@
 #include "httpd/http_access_logger.h"
 
+#include "httpd/detail/known_singleton_t.h"
 #include "support/http_message.h"
 #include "support/http_method.h"
 #include "support/log.h"
@@ -9,8 +10,6 @@
 #include <ace/FILE_Addr.h>
 #include <ace/FILE_Connector.h>
 #include <ace/INET_Addr.h>
-#include <ace/Null_Mutex.h>
-#include <ace/Singleton.h>
 #include <ace/Time_Value.h>
 
 #include <algorithm>
@@ -32,7 +31,7 @@
 
 namespace {
 
-using Logger_Singleton = ACE_Unmanaged_Singleton<HTTP_Access_Logger_Impl, ACE_Null_Mutex>;
+using Logger_Singleton = Known_Singleton_T<HTTP_Access_Logger_Impl>;
 
 constexpr int LOG_FILE_MODE = 0600;
 

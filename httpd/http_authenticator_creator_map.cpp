@@ -1,9 +1,8 @@
 #include "httpd/http_authenticator_creator_map.h"
 
-#include <ace/Null_Mutex.h>
-#include <ace/Singleton.h>
+#include "httpd/detail/known_singleton_t.h"
 
-using Singleton = ACE_Unmanaged_Singleton<HTTP_Authenticator_Creator_Map, ACE_Null_Mutex>;
+using Singleton = Known_Singleton_T<HTTP_Authenticator_Creator_Map>;
 
 HTTP_Authenticator_Creator_Map::HTTP_Authenticator_Creator_Map() = default;
 HTTP_Authenticator_Creator_Map::~HTTP_Authenticator_Creator_Map() = default;

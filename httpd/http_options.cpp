@@ -1,5 +1,6 @@
 #include "httpd/http_options.h"
 
+#include "httpd/detail/known_singleton_t.h"
 #include "httpd/http_access_logger.h"
 #include "httpd/http_authenticator_creator_map.h"
 #include "httpd/http_handler_creator_map.h"
@@ -15,9 +16,7 @@
 #include <ace/Get_Opt.h>
 #include <ace/INET_Addr.h>
 #include <ace/MEM_Addr.h>
-#include <ace/Null_Mutex.h>
 #include <ace/OS_NS_unistd.h>
-#include <ace/Singleton.h>
 #include <ace/UNIX_Addr.h>
 
 #include <algorithm>
@@ -31,7 +30,7 @@
 
 namespace {
 
-using Options_Singleton = ACE_Unmanaged_Singleton<HTTP_Options, ACE_Null_Mutex>;
+using Options_Singleton = Known_Singleton_T<HTTP_Options>;
 using Listen_Address = HTTP_Options::Listen_Address;
 
 bool equal(const char* left, const char* right)

@@ -1,9 +1,8 @@
 #include "httpd/websocket_handler_creator_map.h"
 
-#include <ace/Null_Mutex.h>
-#include <ace/Singleton.h>
+#include "httpd/detail/known_singleton_t.h"
 
-using Singleton = ACE_Unmanaged_Singleton<WebSocket_Handler_Creator_Map, ACE_Null_Mutex>;
+using Singleton = Known_Singleton_T<WebSocket_Handler_Creator_Map>;
 
 WebSocket_Handler_Creator_Map::WebSocket_Handler_Creator_Map() = default;
 WebSocket_Handler_Creator_Map::~WebSocket_Handler_Creator_Map() = default;
