@@ -200,8 +200,9 @@ struct Date_Line {
     char text[HTTP_DATE_LINE_LENGTH + 1];
 };
 
-// Initialized before the thread begins, so that no call has to look whether it is.
-constinit thread_local Date_Line date_line{-1, "Date: "};
+// Initialized before the thread begins, so that no call has to look whether it is, and reached in
+// one instruction: the loader keeps room in each thread for a few such bytes of libraries.
+constinit thread_local Date_Line date_line [[gnu::tls_model("initial-exec")]]{-1, "Date: "};
 
 } // namespace
 

@@ -12,7 +12,7 @@
 namespace {
 
 constexpr ptrdiff_t VERSION_LENGTH = 8;
-constexpr std::string_view VERSION_PREFIX = "HTTP/1.";
+constexpr char BEFORE_MINOR_VERSION[] = " HTTP/1.";
 
 // Digits that fit in 64 bits; what follows them does not count, as in HTTP_Base::content_length(),
 // unless it is a list: RFC 9110, section 8.6 allows one only of equal lengths.
@@ -259,7 +259,8 @@ bool HTTP_Request_Parser::parse_start_line(char* begin, char* end, HTTP_Request&
         return false;
     }
     char* const version = end - VERSION_LENGTH;
-    if (version[-1] != ' ' || !view(version, end).starts_with(VERSION_PREFIX) ||
+    static_assert(sizeof(BEFORE_MINOR_VERSION) - 1 == VERSION_LENGTH); // a blank more, a digit less
+    if (std::memcmp(version - 1, BEFORE_MINOR_VERSION, VERSION_LENGTH) != 0 ||
         !http_is_digit(end[-1])) {
         return false;
     }

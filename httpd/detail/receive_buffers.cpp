@@ -70,19 +70,29 @@ struct Buffer_Traits {
 
 using Free_Buffers = Thread_Free_List_T<Buffer_Traits>;
 
+/// In the place of a free buffer of another size, or of none.
+[[gnu::noinline]] ACE_Message_Block* replace(ACE_Message_Block* buffer, size_t size)
+{
+    while (buffer != nullptr && buffer->capacity() != size) {
+        buffer->release();
+        buffer = Free_Buffers::take();
+    }
+    return buffer != nullptr ? buffer : allocate(size);
+}
+
 } // namespace
 
 ACE_Message_Block* Receive_Buffers::take(size_t size)
 {
+    ACE_Message_Block* buffer = Free_Buffers::take();
     // Another size than the options' present one is of a service that has ended.
-    while (ACE_Message_Block* const buffer = Free_Buffers::take()) {
-        if (buffer->capacity() == size) {
-            buffer->reset();
-            return buffer;
-        }
-        buffer->release();
+    if (buffer == nullptr || buffer->capacity() != size) {
+        buffer = replace(buffer, size);
     }
-    return allocate(size);
+    if (buffer != nullptr) {
+        buffer->reset();
+    }
+    return buffer;
 }
 
 void Receive_Buffers::give(ACE_Message_Block* buffer)
