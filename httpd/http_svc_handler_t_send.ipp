@@ -141,17 +141,12 @@ int HTTP_Svc_Handler_T<Stream, Sync>::send_headers_content(const void* data, siz
                                                            bool last)
 {
     const bool head = request_.method() == HTTP_METHOD_HEAD;
-    const bool keep =
-        this->begin_headers(request_.keep_alive() &&
-                            response_.headers().get(HTTP_HEAD_CONTENT_LENGTH, true) != nullptr);
+    const bool keep = this->begin_headers(request_.keep_alive() &&
+                                          response_.headers().has(HTTP_HEAD_CONTENT_LENGTH));
     const bool body = !head && data != nullptr && length > 0;
-    Send_Vector vector(response_.iovec_count() + 1);
-    iovec* const iov = vector.get();
-    const int entries = iov != nullptr ? response_.to_iovec(iov, response_.iovec_count()) : -1;
-    if (entries >= 0 && body) {
-        iov[entries] = to_entry(data, length);
-    }
-    if (this->write_headers(iov, entries, body ? 1 : 0) == -1) {
+    iovec iov[2];
+    const int entries = response_.to_iovec(iov, 2, data, body ? length : 0);
+    if (this->write_headers(iov, entries, 0) == -1) {
         return -1;
     }
     return this->headers_content_sent(body ? length : 0, body, head, keep, last);

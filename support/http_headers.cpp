@@ -209,11 +209,6 @@ int HTTP_Headers::append(const Field& field)
     return 0;
 }
 
-int HTTP_Headers::grow_and_append(const Field& field)
-{
-    return grow() == -1 ? -1 : append(field);
-}
-
 bool HTTP_Headers::reserve(std::uint32_t count, size_t text)
 {
     if (capacity_ != 0) {

@@ -139,8 +139,8 @@ private:
     /// Adds a field at the end: a known one that the message does not have yet.
     int append(int id, std::uint32_t room, std::string_view name, std::string_view value)
     {
-        if (size_ == capacity_) {
-            return this->grow_and_append({id, room, name, value});
+        if (size_ == capacity_ && this->grow() == -1) {
+            return -1;
         }
         this->note_position(id, size_);
         fields_[size_++] = {id, room, name, value};
@@ -149,7 +149,6 @@ private:
 
     /// Adds any field at the end.
     int append(const Field& field);
-    int grow_and_append(const Field& field);
 
     void note_position(int id, std::uint32_t position)
     {

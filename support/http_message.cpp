@@ -139,7 +139,7 @@ size_t status_line_size(std::string_view reason)
 
 char* put_status_line(char* out, int status, std::string_view reason)
 {
-    if (status == 200 && reason == "OK") {
+    if (status == 200 && reason.size() == 2 && std::memcmp(reason.data(), "OK", 2) == 0) {
         return put(out, STATUS_LINE_OK);
     }
     out = put(out, VERSION);
@@ -205,7 +205,10 @@ int CGI_Request::request_line_placed(HTTP_Method method, const char* method_text
             authority = take_authority(path);
         }
     }
-    const char* const path_text = this->place_path(path, marks.encoded && !is_authority);
+    const bool is_encoded = marks.encoded && !is_authority;
+    const bool ends_there = path.data()[path.size()] == '\0'; // nothing follows it in the target
+    const char* const path_text =
+        ends_there && !is_encoded ? path.data() : this->copy_path(path, is_encoded);
     if (path_text == nullptr) {
         return -1;
     }
@@ -218,11 +221,11 @@ int CGI_Request::request_line_placed(HTTP_Method method, const char* method_text
     return 0;
 }
 
-// The path as a C string: the stored target's own end where nothing follows it, else a copy.
-const char* CGI_Request::place_path(std::string_view path, bool is_encoded)
+/// A C string of its own for the path.
+const char* CGI_Request::copy_path(std::string_view path, bool is_encoded)
 {
     if (!is_encoded) {
-        return path.data()[path.size()] == '\0' ? path.data() : arena_.copy(path);
+        return arena_.copy(path);
     }
     char* const decoded = arena_.allocate_text(path.size() + 1);
     if (decoded == nullptr) {
@@ -291,7 +294,7 @@ template <typename T>
 bool HTTP_Base<T>::read_connection() const
 {
     const std::string_view connection = this->headers_.value(HTTP_HEAD_CONNECTION);
-    if (is_word_no_case(connection, "keep-alive")) {
+    if (connection.data() == KEEP_ALIVE.data() || is_word_no_case(connection, "keep-alive")) {
         return true; // and nothing else, as nearly always
     }
     if (http_header_value_match(connection, "close", ',')) {
@@ -339,9 +342,9 @@ void HTTP_Response::give_back()
     arena_.give_back();
 }
 
-int HTTP_Response::to_iovec(iovec* iov, int count)
+int HTTP_Response::to_iovec(iovec* iov, int count, const void* body, size_t length)
 {
-    if (iov == nullptr || count < iovec_count()) {
+    if (iov == nullptr || count < iovec_count() + (length > 0 ? 1 : 0)) {
         errno = EINVAL;
         return -1;
     }
@@ -354,7 +357,9 @@ int HTTP_Response::to_iovec(iovec* iov, int count)
     size += (has_date ? size_t{0} : HTTP_DATE_LINE_LENGTH) + LINE_END_LENGTH;
     // What put_field() may write behind a line is overwritten by the Date line, if there is one.
     static_assert(HTTP_DATE_LINE_LENGTH >= http_header_table::ROOM);
-    char* const head = arena_.allocate_text(has_date ? size + http_header_table::ROOM : size);
+    const size_t joined = length <= SMALL_BODY ? length : 0;
+    char* const head =
+        arena_.allocate_text(size + joined + (has_date ? http_header_table::ROOM : 0));
     if (head == nullptr) {
         return -1;
     }
@@ -367,7 +372,14 @@ int HTTP_Response::to_iovec(iovec* iov, int count)
         std::memcpy(out, date_line, HTTP_DATE_LINE_LENGTH);
         out += HTTP_DATE_LINE_LENGTH;
     }
-    put(out, LINE_END);
-    iov[0] = {head, size};
-    return 1;
+    out = put(out, LINE_END);
+    if (joined > 0) {
+        copy_short(out, {static_cast<const char*>(body), joined});
+    }
+    iov[0] = {head, size + joined};
+    if (joined == length) {
+        return 1;
+    }
+    iov[1] = {const_cast<void*>(body), length};
+    return 2;
 }

@@ -100,7 +100,7 @@ protected:
     std::string_view authority_;
 
 private:
-    const char* place_path(std::string_view path, bool is_encoded);
+    const char* copy_path(std::string_view path, bool is_encoded);
 };
 
 /// A response: status, reason and header fields.
@@ -235,5 +235,18 @@ public:
      * @param count  room in iov; at least iovec_count()
      * @return the number of entries filled, or -1 with errno (EINVAL: no room; ENOMEM)
      */
-    int to_iovec(iovec* iov, int count);
+    int to_iovec(iovec* iov, int count) { return this->to_iovec(iov, count, nullptr, 0); }
+
+    /**
+     * The same with a body, or its beginning, behind it: as an entry of its own that refers to the
+     * caller's bytes, or, where they are few, in one piece with the rest, which makes a plain send
+     * of it without another copy.
+     * @param count   at least iovec_count() + 1
+     * @param length  of body, bytes; 0: no body
+     */
+    int to_iovec(iovec* iov, int count, const void* body, size_t length);
+
+private:
+    /// Longer bodies are not copied behind the head.
+    enum : size_t { SMALL_BODY = 1024 };
 };
