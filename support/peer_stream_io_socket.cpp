@@ -12,14 +12,20 @@
 
 namespace {
 
+/// Again for as long as signals interrupt it, which they hardly ever do.
+[[gnu::noinline]] ssize_t receive_again(int handle, void* buffer, size_t length)
+{
+    ssize_t received = -1;
+    while (received == -1 && errno == EINTR) {
+        received = uncancelled_recv(handle, buffer, length, MSG_DONTWAIT);
+    }
+    return received;
+}
+
 ssize_t receive_now(int handle, void* buffer, size_t length)
 {
-    for (;;) {
-        const ssize_t received = uncancelled_recv(handle, buffer, length, MSG_DONTWAIT);
-        if (received >= 0 || errno != EINTR) {
-            return received;
-        }
-    }
+    const ssize_t received = uncancelled_recv(handle, buffer, length, MSG_DONTWAIT);
+    return received >= 0 ? received : receive_again(handle, buffer, length);
 }
 
 ssize_t receive_before(int handle, void* buffer, size_t length, const Deadline& deadline)

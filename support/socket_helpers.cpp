@@ -50,12 +50,12 @@ bool is_unix_socket(int handle)
     return getsockopt(handle, SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 && domain == AF_UNIX;
 }
 
-ssize_t send_all(int handle, const char* data, size_t length, int flags = 0)
+/// What follows a send that returned `sent`, not all of the bytes.
+[[gnu::noinline]] ssize_t send_rest(int handle, const char* data, size_t length, int flags,
+                                    ssize_t sent)
 {
     size_t done = 0;
-    while (done < length) {
-        const ssize_t sent =
-            uncancelled_send(handle, data + done, length - done, SEND_FLAGS | flags);
+    for (;;) {
         if (sent >= 0) {
             done += static_cast<size_t>(sent);
         } else if (errno == ENOTSOCK) {
@@ -63,8 +63,21 @@ ssize_t send_all(int handle, const char* data, size_t length, int flags = 0)
         } else if (wait_after_failed_send(handle) == -1) {
             return -1;
         }
+        if (done == length) {
+            return static_cast<ssize_t>(length);
+        }
+        sent = uncancelled_send(handle, data + done, length - done, SEND_FLAGS | flags);
     }
-    return static_cast<ssize_t>(length);
+}
+
+ssize_t send_all(int handle, const char* data, size_t length, int flags = 0)
+{
+    if (length == 0) {
+        return 0;
+    }
+    const ssize_t sent = uncancelled_send(handle, data, length, SEND_FLAGS | flags);
+    return sent == static_cast<ssize_t>(length) ? sent
+                                                : send_rest(handle, data, length, flags, sent);
 }
 
 ssize_t send_gathered(int handle, const iovec* iov, int count)
@@ -135,6 +148,16 @@ struct Flat {
     char bytes_[FLAT_LIMIT];
 };
 
+/// Apart from ace_sendv(), which needs no room for a copy when there is one entry.
+[[gnu::noinline]] ssize_t send_entries(int handle, const iovec* iov, int count)
+{
+    if (Flat flat; flat.take(iov, count)) {
+        return send_all(handle, flat.bytes_, flat.length_);
+    }
+    size_t total = 0;
+    return iovec_total(iov, count, total) == -1 ? -1 : send_vector(handle, iov, count, total);
+}
+
 } // namespace
 
 int set_sock_nodelay(const ACE_SOCK& socket, bool on)
@@ -193,14 +216,8 @@ ssize_t ace_send(int handle, const void* data, size_t length)
 
 ssize_t ace_sendv(int handle, const iovec* iov, int count)
 {
-    if (count == 1) {
-        return ace_send(handle, iov->iov_base, iov->iov_len);
-    }
-    if (Flat flat; flat.take(iov, count)) {
-        return send_all(handle, flat.bytes_, flat.length_);
-    }
-    size_t total = 0;
-    return iovec_total(iov, count, total) == -1 ? -1 : send_vector(handle, iov, count, total);
+    return count == 1 ? ace_send(handle, iov->iov_base, iov->iov_len)
+                      : send_entries(handle, iov, count);
 }
 
 ssize_t ace_sendv_more(int handle, const iovec* iov, int count)
