@@ -178,6 +178,8 @@ private:
     // --- receiving ---
     int handle_data_reading(const ACE_Time_Value* timeout);
     int make_room();
+    int crunch_buffer();
+    int handle_end_of_input();
     void give_back_memory();
     int handle_receive_failure(const ACE_Time_Value* timeout);
     int handle_input_i();
@@ -199,6 +201,7 @@ private:
     bool has_unknown_framing() const;
     int send_continue();
     void log_access(int result);
+    [[gnu::noinline]] void write_access_line() const;
 
     // --- sending ---
     int send_headers_content(const void* data, size_t length, bool last);

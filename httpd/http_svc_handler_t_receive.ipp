@@ -17,16 +17,8 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_data_reading(const ACE_Time_Value* 
     const size_t room = mb_->space();
     const ssize_t received = Stream_IO::receive(this->peer(), mb_->wr_ptr(), room, mode, timeout);
     buffer_filled_ = received == static_cast<ssize_t>(room);
-    if (received == -1) {
-        return this->handle_receive_failure(timeout);
-    }
-    if (received == 0) {
-        request_state_ = HTTP_SOCK_STATE_CLOSED;
-        if (this->response_state() != HTTP_SOCK_STATE_CONTENT_SENT && ACE::debug()) {
-            HTTPD_ERROR("%s connection is closed by %s", this->protocol(),
-                        addr_string_type(remote_addr_, WITH_PORT).c_str());
-        }
-        return -1;
+    if (received <= 0) {
+        return received == 0 ? this->handle_end_of_input() : this->handle_receive_failure(timeout);
     }
     if (ACE::debug()) {
         ACE_HEX_DUMP((LM_TRACE, mb_->wr_ptr(), static_cast<size_t>(received),
@@ -35,6 +27,17 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_data_reading(const ACE_Time_Value* 
     }
     mb_->wr_ptr(static_cast<size_t>(received));
     return 0;
+}
+
+template <typename Stream, typename Sync>
+int HTTP_Svc_Handler_T<Stream, Sync>::handle_end_of_input()
+{
+    request_state_ = HTTP_SOCK_STATE_CLOSED;
+    if (this->response_state() != HTTP_SOCK_STATE_CONTENT_SENT && ACE::debug()) {
+        HTTPD_ERROR("%s connection is closed by %s", this->protocol(),
+                    addr_string_type(remote_addr_, WITH_PORT).c_str());
+    }
+    return -1;
 }
 
 /// Sees to it that the buffer exists and has free space behind its data.
@@ -50,9 +53,12 @@ int HTTP_Svc_Handler_T<Stream, Sync>::make_room()
     if (mb_->length() == 0) {
         mb_->reset();
     }
-    if (mb_->space() > 0) {
-        return 0;
-    }
+    return mb_->space() > 0 ? 0 : this->crunch_buffer();
+}
+
+template <typename Stream, typename Sync>
+int HTTP_Svc_Handler_T<Stream, Sync>::crunch_buffer()
+{
     if (ACE::debug() && mb_->length() > 0) {
         ACE_HEX_DUMP((LM_DEBUG, mb_->rd_ptr(), mb_->length(), "The remaining buffer data."));
     }
@@ -182,11 +188,16 @@ void HTTP_Svc_Handler_T<Stream, Sync>::log_access(int result)
         return;
     }
     logged_ = true;
-    HTTP_Access_Logger_Impl* const logger = HTTP_Access_Logger_Impl::instance();
-    if (logger->is_open()) {
-        logger->log(start_time_, ACE_OS::gettimeofday(), remote_addr_, request_, response_,
-                    content_received_, content_sent_);
+    if (HTTP_Access_Logger_Impl::instance()->is_open()) {
+        this->write_access_line();
     }
+}
+
+template <typename Stream, typename Sync>
+void HTTP_Svc_Handler_T<Stream, Sync>::write_access_line() const
+{
+    HTTP_Access_Logger_Impl::instance()->log(start_time_, ACE_OS::gettimeofday(), remote_addr_,
+                                             request_, response_, content_received_, content_sent_);
 }
 
 template <typename Stream, typename Sync>

@@ -102,7 +102,8 @@ int HTTP_Svc_Handler_T<Stream, Sync>::headers_failed() const
 }
 
 template <typename Stream, typename Sync>
-int HTTP_Svc_Handler_T<Stream, Sync>::headers_content_sent(size_t payload, bool piece, bool head,
+[[gnu::always_inline]] inline int
+HTTP_Svc_Handler_T<Stream, Sync>::headers_content_sent(size_t payload, bool piece, bool head,
                                                            bool keep, bool last)
 {
     content_sent_ += payload;

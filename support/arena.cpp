@@ -43,7 +43,9 @@ char* Arena::allocate_slow(size_t size)
 /// Puts a block with room for `size` bytes in front, from which is allocated from now on.
 bool Arena::add_block(size_t size)
 {
-    drop_empty_block();
+    if (blocks_ != nullptr) {
+        drop_empty_block();
+    }
     if (blocks_ != nullptr) {
         return add_new_block(std::max(std::min<size_t>(blocks_->capacity_ * 2, MAX_KEPT), size));
     }
@@ -100,17 +102,14 @@ void Arena::add(Block* block)
 
 void Arena::give_back()
 {
-    if (blocks_ == nullptr) {
-        return;
-    }
-    if (blocks_->next_ != nullptr || blocks_->capacity_ > MAX_KEPT) {
-        keep_one_block();
-    }
-    if (blocks_ != nullptr) {
-        Thread_Free_List_T<Block_Traits>::give(std::exchange(blocks_, nullptr));
-    }
+    reset();
+    Block* const block = blocks_;
+    blocks_ = nullptr;
     cursor_ = nullptr;
     end_ = nullptr;
+    if (block != nullptr) {
+        Thread_Free_List_T<Block_Traits>::give(block);
+    }
 }
 
 // Blocks double up to MAX_KEPT, so keeping the largest lets a connection whose messages are alike

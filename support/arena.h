@@ -46,6 +46,9 @@ public:
         return text;
     }
 
+    /// Whether allocate_text(size) would find its memory at once.
+    bool has_text(size_t size) const { return size <= static_cast<size_t>(end_ - cursor_); }
+
     /// A NUL-terminated copy of `text`, or null when there is no memory (ENOMEM).
     char* copy(std::string_view text)
     {

@@ -274,6 +274,19 @@ bool Epoll_Reactor::has_work() const
     return table_.queued() != 0 || notifications_.size() != 0 || wake_requested_ || deactivated_;
 }
 
+[[gnu::always_inline]] inline int Epoll_Reactor::dispatch(const Upcall& upcall)
+{
+    const Reference_Guard guard(upcall.handler);
+    // Nearly always there is input and nothing else, and then the table need not be asked again.
+    if (upcall.ready == ACE_Event_Handler::READ_MASK) {
+        if (const int result = upcall.handler->handle_input(upcall.handle); result != 0) {
+            this->settle(upcall, ACE_Event_Handler::READ_MASK, result);
+        }
+        return 1;
+    }
+    return this->dispatch_several(upcall);
+}
+
 int Epoll_Reactor::dispatch_batch(const epoll_event* events, int count)
 {
     int dispatched = 0;
@@ -294,22 +307,12 @@ int Epoll_Reactor::dispatch_batch(const epoll_event* events, int count)
     return dispatched;
 }
 
-int Epoll_Reactor::dispatch(const Upcall& upcall)
+int Epoll_Reactor::dispatch_several(const Upcall& upcall)
 {
-    const Reference_Guard guard(upcall.handler);
-    // Nearly always there is one event, and then the table need not be asked again.
-    switch (upcall.ready) {
-    case ACE_Event_Handler::READ_MASK:
-        if (const int result = upcall.handler->handle_input(upcall.handle); result != 0) {
-            this->settle(upcall, ACE_Event_Handler::READ_MASK, result);
-        }
-        return 1;
-    case ACE_Event_Handler::WRITE_MASK:
-    case ACE_Event_Handler::EXCEPT_MASK:
+    if (upcall.ready == ACE_Event_Handler::WRITE_MASK ||
+        upcall.ready == ACE_Event_Handler::EXCEPT_MASK) {
         this->dispatch_one(upcall, upcall.ready);
         return 1;
-    default:
-        break;
     }
     int dispatched = 0;
     // Output first, as in ACE's reactors: what can leave makes room for what comes in.

@@ -186,6 +186,7 @@ private:
     int limit_by_foreign_timers(int milliseconds);
     int dispatch_batch(const epoll_event* events, int count);
     int dispatch(const Upcall& upcall);
+    int dispatch_several(const Upcall& upcall);
     void dispatch_one(const Upcall& upcall, ACE_Reactor_Mask event);
     int dispatch_notifications(size_t left);
     void dispatch_notification(const ACE_Notification_Buffer& notification);

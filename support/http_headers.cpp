@@ -17,11 +17,10 @@ bool is_known(int id)
     return id >= 0 && id < NUM_HTTP_HEADS;
 }
 
-/// A copy's room: what its size and the NUL take, as far as that can be told.
+/// A copy's room: what its size and the NUL take, or less where a number of 32 bits cannot tell.
 std::uint32_t room_of(std::string_view copy)
 {
-    return static_cast<std::uint32_t>(
-        std::min<size_t>(copy.size() + 1, std::numeric_limits<std::uint32_t>::max()));
+    return static_cast<std::uint32_t>(copy.size() + 1);
 }
 
 int refuse_number(int id)
@@ -74,16 +73,26 @@ int HTTP_Headers::put(int id, std::string_view value)
 
 int HTTP_Headers::put_clean(int id, std::string_view value)
 {
-    if (this->has(id)) {
-        return id == HTTP_HEAD_SET_COOKIE ? copy_and_append(id, HTTP_HEADER_NAMES[id], value)
-                                          : replace(*find(id), value);
+    constexpr size_t SHORT = 4 * Text_Chunk::SIZE;
+    if (this->has(id) || size_ == capacity_ || value.size() > SHORT ||
+        !arena_.has_text(value.size() + 1)) {
+        return put_anywhere(id, value);
     }
     char* const copy = arena_.allocate_text(value.size() + 1);
-    if (copy == nullptr) {
-        return -1;
-    }
     *copy_short(copy, value) = '\0';
     return append(id, room_of(value), HTTP_HEADER_NAMES[id], {copy, value.size()});
+}
+
+/// put_clean() for whatever has no entry or no memory waiting for it. Not inline, so that
+/// put_clean() needs no frame.
+[[gnu::noinline]] int HTTP_Headers::put_anywhere(int id, std::string_view value)
+{
+    if (fields_ == nullptr && grow() == 0 && arena_.has_text(value.size() + 1)) {
+        return put_clean(id, value); // the first of a message
+    }
+    return this->has(id) && id != HTTP_HEAD_SET_COOKIE
+               ? replace(*find(id), value)
+               : copy_and_append(id, HTTP_HEADER_NAMES[id], value);
 }
 
 int HTTP_Headers::put_constant(int id, std::string_view value)

@@ -132,6 +132,7 @@ private:
 
     /// put() for a value of the library's own, which cannot break the line.
     int put_clean(int id, std::string_view value);
+    int put_anywhere(int id, std::string_view value);
 
     /// The same for a NUL-terminated text that lives for ever: it is not copied.
     int put_constant(int id, std::string_view value);

@@ -268,10 +268,9 @@ std::uint64_t HTTP_Base<T>::read_content_length() const
 {
     constexpr std::uint64_t MOST = std::numeric_limits<std::uint64_t>::max();
     std::uint64_t length = 0;
-    for (const char c : this->headers_.value(HTTP_HEAD_CONTENT_LENGTH)) {
-        if (!http_is_digit(c)) {
-            break;
-        }
+    // A C string: its NUL is no digit.
+    const char* text = this->headers_.value(HTTP_HEAD_CONTENT_LENGTH).data();
+    for (char c = *text; http_is_digit(c); c = *++text) {
         const auto digit = static_cast<std::uint64_t>(c - '0');
         if (length >= MOST / 10 && (length > MOST / 10 || digit > MOST % 10)) {
             return MOST;
@@ -332,13 +331,13 @@ HTTP_Request::HTTP_Request(HTTP_Method method, const char* uri, bool keep_alive)
 
 void HTTP_Request::give_back()
 {
-    reset();
+    reset_content();
     arena_.give_back();
 }
 
 void HTTP_Response::give_back()
 {
-    reset();
+    reset_content();
     arena_.give_back();
 }
 

@@ -26,12 +26,6 @@ public:
 protected:
     ~CGI_Base() = default;
 
-    void reset()
-    {
-        headers_.reset();
-        arena_.reset();
-    }
-
     Arena arena_;
     HTTP_Headers headers_;
 };
@@ -81,9 +75,10 @@ protected:
     ~CGI_Request() = default;
     CGI_Request() = default;
 
-    void reset()
+    /// Forgets everything but the arena's memory.
+    void reset_content()
     {
-        CGI_Base::reset();
+        headers_.reset();
         method_ = HTTP_METHOD_GET;
         method_text_ = "GET";
         target_ = "/";
@@ -125,9 +120,10 @@ protected:
     ~CGI_Response() = default;
     CGI_Response() = default;
 
-    void reset()
+    /// Forgets everything but the arena's memory.
+    void reset_content()
     {
-        CGI_Base::reset();
+        headers_.reset();
         status_ = 200;
         reason_ = "OK";
     }
@@ -174,6 +170,12 @@ protected:
     ~HTTP_Base() = default;
     HTTP_Base() = default;
 
+    void reset_content()
+    {
+        T::reset_content();
+        minor_version_ = 1;
+    }
+
     int minor_version_ = 1;
 
 private:
@@ -199,8 +201,8 @@ public:
     /// Empties it for the next request of the connection: GET, "/", HTTP/1.1, no fields.
     void reset()
     {
-        CGI_Request::reset();
-        minor_version_ = 1;
+        this->reset_content();
+        arena_.reset();
     }
 
     /// reset(), and leaves the memory to the next message of the calling thread.
@@ -216,8 +218,8 @@ public:
     /// Empties it for the next response of the connection: 200, HTTP/1.1, no fields.
     void reset()
     {
-        CGI_Response::reset();
-        minor_version_ = 1;
+        this->reset_content();
+        arena_.reset();
     }
 
     /// reset(), and leaves the memory to the next message of the calling thread.

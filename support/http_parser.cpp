@@ -44,6 +44,9 @@ std::string_view view(const char* begin, const char* end)
 /// C string. What stands at `end` is no blank.
 std::string_view take_value(char* begin, char* end)
 {
+    if (*begin == ' ') { // nearly always one
+        ++begin;
+    }
     while (http_is_blank(*begin)) {
         ++begin;
     }
@@ -123,34 +126,6 @@ struct HTTP_Parser::Lines {
     size_t end[MOST]; ///< where the line's CR is, counted from the first line's beginning
 };
 
-HTTP_Parser_State HTTP_Parser::parse(ACE_Message_Block& block, HTTP_Request& message)
-{
-    const char* const text = block.rd_ptr();
-    const size_t size = block.length();
-    if (size < scanned_) {
-        return fail(); // bytes that were looked at are gone: not the same header
-    }
-    while (state_ == HTTP_PARSER_STATE_LINE_EXPECTED ||
-           state_ == HTTP_PARSER_STATE_HEADERS_PARSING) {
-        Lines lines;
-        const char* const first = text + line_;
-        const bool good = find_lines(text, size, lines);
-        if (!parse_lines(first, lines, message) || !good) {
-            return fail();
-        }
-        if (lines.stop == Lines::INCOMPLETE) {
-            return state_;
-        }
-        if (lines.stop == Lines::EMPTY_LINE) {
-            state_ = parse_empty_line(message);
-        }
-    }
-    if (state_ == HTTP_PARSER_STATE_HEADERS_DONE) {
-        block.rd_ptr(line_);
-    }
-    return state_;
-}
-
 HTTP_Parser_State HTTP_Parser::fail()
 {
     state_ = HTTP_PARSER_STATE_ERROR;
@@ -159,7 +134,8 @@ HTTP_Parser_State HTTP_Parser::fail()
 
 /// Finds the lines that end behind what was looked at before, up to an empty one.
 /// @return false where a control character stands that does not end a line.
-bool HTTP_Parser::find_lines(const char* text, size_t size, Lines& lines)
+[[gnu::always_inline]] inline bool HTTP_Parser::find_lines(const char* text, size_t size,
+                                                           Lines& lines)
 {
     const size_t first = line_;
     size_t line = first;
@@ -198,7 +174,8 @@ bool HTTP_Parser::find_lines(const char* text, size_t size, Lines& lines)
 
 /// Copies the lines that begin at `begin` into the message's memory, once and all together, and
 /// reads them there: names and values become C strings where they stand.
-bool HTTP_Parser::parse_lines(const char* begin, const Lines& lines, HTTP_Request& message)
+[[gnu::always_inline]] inline bool HTTP_Parser::parse_lines(const char* begin, const Lines& lines,
+                                                            HTTP_Request& message)
 {
     if (lines.count == 0) {
         return true;
@@ -249,6 +226,34 @@ HTTP_Parser_State HTTP_Parser::parse_empty_line(HTTP_Request& message)
     // RFC 9112, section 2.2: an old client's line end behind its body
     ++empty_lines_;
     return empty_lines_ <= MAX_EMPTY_LINES ? state_ : HTTP_PARSER_STATE_ERROR;
+}
+
+HTTP_Parser_State HTTP_Parser::parse(ACE_Message_Block& block, HTTP_Request& message)
+{
+    const char* const text = block.rd_ptr();
+    const size_t size = block.length();
+    if (size < scanned_) {
+        return fail(); // bytes that were looked at are gone: not the same header
+    }
+    while (state_ == HTTP_PARSER_STATE_LINE_EXPECTED ||
+           state_ == HTTP_PARSER_STATE_HEADERS_PARSING) {
+        Lines lines;
+        const char* const first = text + line_;
+        const bool good = find_lines(text, size, lines);
+        if (!parse_lines(first, lines, message) || !good) {
+            return fail();
+        }
+        if (lines.stop == Lines::INCOMPLETE) {
+            return state_;
+        }
+        if (lines.stop == Lines::EMPTY_LINE) {
+            state_ = parse_empty_line(message);
+        }
+    }
+    if (state_ == HTTP_PARSER_STATE_HEADERS_DONE) {
+        block.rd_ptr(line_);
+    }
+    return state_;
 }
 
 bool HTTP_Request_Parser::parse_start_line(char* begin, char* end, HTTP_Request& message)

@@ -94,7 +94,8 @@ public:
     /// Looks at [from, size) of the text. All of it must be readable: the bytes before `from` let
     /// the last ones be looked at together.
     Control_Finder(const char* text, size_t from, size_t size)
-        : text_(text), at_(from), size_(size), found_(this->look())
+        : text_(text), at_(from), size_(size), chunks_end_(size < SIZE ? 0 : size - SIZE + 1),
+          found_(this->look())
     {
     }
 
@@ -103,7 +104,7 @@ public:
     {
         while (found_ == 0) {
             at_ += SIZE;
-            if (at_ + SIZE > size_) {
+            if (at_ >= chunks_end_) {
                 found_ = this->look_at_rest();
                 return found_ != 0 ? this->first() : size_;
             }
@@ -131,7 +132,7 @@ private:
 
     unsigned look() const
     {
-        return at_ + SIZE <= size_ ? Text_Chunk(text_ + at_).controls() : this->look_at_rest();
+        return at_ < chunks_end_ ? Text_Chunk(text_ + at_).controls() : this->look_at_rest();
     }
 
     unsigned look_at_rest() const
@@ -152,7 +153,8 @@ private:
     const char* text_;
     size_t at_;
     size_t size_;
-    unsigned found_; ///< in the chunk at at_
+    size_t chunks_end_; ///< behind the last place where a whole chunk begins
+    unsigned found_;    ///< in the chunk at at_
 };
 
 /// The first `wanted` in [begin, end); a place at the end or behind it when there is none.

@@ -30,7 +30,7 @@ inline void move_ends(char* out, const char* text, size_t size)
 } // namespace short_text
 
 /// Copies `text` to `out`, which does not overlap it. @return the end of the copy.
-inline char* copy_short(char* out, std::string_view text)
+[[gnu::always_inline]] inline char* copy_short(char* out, std::string_view text)
 {
     const size_t size = text.size();
     const char* const from = text.data();
