@@ -138,7 +138,8 @@ int HTTP_Svc_Handler_T<Stream, Sync>::headers_chunked_sent(size_t payload, bool 
 }
 
 template <typename Stream, typename Sync>
-int HTTP_Svc_Handler_T<Stream, Sync>::send_headers_content(const void* data, size_t length,
+[[gnu::always_inline]] inline int
+HTTP_Svc_Handler_T<Stream, Sync>::send_headers_content(const void* data, size_t length,
                                                            bool last)
 {
     const bool head = request_.method() == HTTP_METHOD_HEAD;

@@ -78,9 +78,12 @@ int HTTP_Headers::put_clean(int id, std::string_view value)
         !arena_.has_text(value.size() + 1)) {
         return put_anywhere(id, value);
     }
+    // The text last: as far as the compiler knows, writing characters may change anything.
     char* const copy = arena_.allocate_text(value.size() + 1);
+    note_position(id, size_);
+    fields_[size_++] = {id, room_of(value), HTTP_HEADER_NAMES[id], {copy, value.size()}};
     *copy_short(copy, value) = '\0';
-    return append(id, room_of(value), HTTP_HEADER_NAMES[id], {copy, value.size()});
+    return 0;
 }
 
 /// put_clean() for whatever has no entry or no memory waiting for it. Not inline, so that

@@ -12,6 +12,7 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
+#include <span>
 
 namespace {
 
@@ -157,13 +158,15 @@ size_t field_size(const HTTP_Headers::Field& field)
 char* put_field(char* out, const HTTP_Headers::Field& field)
 {
     using namespace http_header_table;
+    const std::string_view value = field.value;
     if (field.id != HTTP_HEAD_UNKNOWN) {
-        std::memcpy(out, LINE_STARTS.text[field.id], ROOM);
+        char* const begin = out;
         out += field.name.size() + SEPARATOR_LENGTH;
+        std::memcpy(begin, LINE_STARTS.text[field.id], ROOM);
     } else {
         out = put(copy_short(out, field.name), SEPARATOR);
     }
-    return put(copy_short(out, field.value), LINE_END);
+    return put(copy_short(out, value), LINE_END);
 }
 
 } // namespace
@@ -347,8 +350,9 @@ int HTTP_Response::to_iovec(iovec* iov, int count, const void* body, size_t leng
         errno = EINVAL;
         return -1;
     }
+    const std::span<const HTTP_Headers::Field> fields = headers_.fields();
     size_t size = status_line_size(reason_);
-    for (const HTTP_Headers::Field& field : headers_) {
+    for (const HTTP_Headers::Field& field : fields) {
         size += field_size(field);
     }
     const bool has_date = headers_.has(HTTP_HEAD_DATE);
@@ -364,7 +368,7 @@ int HTTP_Response::to_iovec(iovec* iov, int count, const void* body, size_t leng
     }
 
     char* out = put_status_line(head, status_, reason_);
-    for (const HTTP_Headers::Field& field : headers_) {
+    for (const HTTP_Headers::Field& field : fields) {
         out = put_field(out, field);
     }
     if (!has_date) {

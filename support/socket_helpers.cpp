@@ -2,6 +2,7 @@
 
 #include "support/descriptor_wait.h"
 #include "support/descriptor_write.h"
+#include "support/short_text.h"
 #include "support/uncancelled.h"
 
 #include <ace/SOCK.h>
@@ -19,7 +20,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdint>
-#include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -131,16 +132,17 @@ struct Flat {
     /// Copies the entries one behind the other. @return false when they are too much for that.
     bool take(const iovec* iov, int count)
     {
+        char* out = bytes_;
+        size_t room = sizeof bytes_;
         for (int i = 0; i < count; ++i) {
-            const size_t length = iov[i].iov_len;
-            if (length > sizeof bytes_ - length_) {
+            const std::string_view entry(static_cast<const char*>(iov[i].iov_base), iov[i].iov_len);
+            if (entry.size() > room) {
                 return false;
             }
-            if (length > 0) {
-                std::memcpy(bytes_ + length_, iov[i].iov_base, length);
-                length_ += length;
-            }
+            room -= entry.size();
+            out = copy_short(out, entry);
         }
+        length_ = sizeof bytes_ - room;
         return count >= 0;
     }
 

@@ -4,44 +4,16 @@
 
 namespace {
 
-constexpr unsigned char FIN_BIT = 0x80;
 constexpr unsigned char MASK_BIT = 0x80;
-constexpr unsigned char CONTINUATION = 0;
-constexpr unsigned char TEXT = 1;
-constexpr unsigned char BINARY = 2;
 constexpr unsigned char LENGTH_16 = 126;
 constexpr unsigned char LENGTH_64 = 127;
 
-constexpr unsigned long MAX_LENGTH_7 = 125;
 constexpr unsigned long MAX_LENGTH_16 = 0xFFFF;
-
-bool is_data(unsigned char opcode)
-{
-    return opcode == TEXT || opcode == BINARY;
-}
 
 } // namespace
 
-void WebSocket_Data_Frame::init(bool fin, unsigned char opcode, unsigned long payload_length,
-                                bool mask)
+void WebSocket_Data_Frame::put_length(unsigned long payload_length, bool mask)
 {
-    message_was_open_ = message_open_;
-    if (is_data(opcode)) {
-        const bool continues = message_open_;
-        message_open_ = !fin;
-        opcode = continues ? CONTINUATION : opcode;
-    } else if (opcode == CONTINUATION && fin) {
-        // Whoever asks for a continuation by name (a pong that took it along) ends the message with
-        // it: to the peer, one more continuation would belong to no message.
-        message_open_ = false;
-    }
-    remain_ = payload_length;
-    header_[0] = static_cast<unsigned char>((fin ? FIN_BIT : 0U) | (opcode & 0x0FU));
-    if (payload_length <= MAX_LENGTH_7 && !mask) { // most of a server's frames
-        header_[1] = static_cast<unsigned char>(payload_length);
-        header_length_ = 2;
-        return;
-    }
     const unsigned char mask_bit = mask ? MASK_BIT : 0U;
     unsigned char* out = header_ + 1;
     const auto big_endian = [&out, payload_length](int bytes) {

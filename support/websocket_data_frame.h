@@ -43,7 +43,31 @@ public:
      * @param mask            true writes a masking key of zero; a server passes false (RFC 6455,
      *                        section 5.1)
      */
-    void init(bool fin, unsigned char opcode, unsigned long payload_length, bool mask);
+    void init(bool fin, unsigned char opcode, unsigned long payload_length, bool mask)
+    {
+        constexpr unsigned char CONTINUATION = 0;
+        constexpr unsigned char TEXT = 1;
+        constexpr unsigned char BINARY = 2;
+        constexpr unsigned char FIN_BIT = 0x80;
+        message_was_open_ = message_open_;
+        if (opcode == TEXT || opcode == BINARY) {
+            const bool continues = message_open_;
+            message_open_ = !fin;
+            opcode = continues ? CONTINUATION : opcode;
+        } else if (opcode == CONTINUATION && fin) {
+            // Whoever asks for a continuation by name (a pong that took it along) ends the message
+            // with it: to the peer, one more continuation would belong to no message.
+            message_open_ = false;
+        }
+        remain_ = payload_length;
+        header_[0] = static_cast<unsigned char>((fin ? FIN_BIT : 0U) | (opcode & 0x0FU));
+        if (payload_length <= MAX_LENGTH_7 && !mask) { // most of a server's frames
+            header_[1] = static_cast<unsigned char>(payload_length);
+            header_length_ = 2;
+        } else {
+            this->put_length(payload_length, mask);
+        }
+    }
 
     /**
      * Fills at most `room` entries: the header, once per frame, and the piece of payload. An empty
@@ -65,6 +89,10 @@ public:
 
 private:
     enum : size_t { MAX_HEADER = 14 };
+    static constexpr unsigned long MAX_LENGTH_7 = 125;
+
+    /// The header's second byte and what follows it.
+    void put_length(unsigned long payload_length, bool mask);
 
     std::uint64_t remain_ = 0;        ///< payload bytes still to be handed out
     unsigned char header_length_ = 0; ///< 0: the header has been handed out

@@ -114,6 +114,29 @@ WebSocket_Data_Frame_Parser::take_short_header(ACE_Message_Block* mb)
     return STATE_PAYLOAD;
 }
 
+/// Unmasks and reports what there is of the frame's payload.
+inline WebSocket_Data_Frame_Parser::State
+WebSocket_Data_Frame_Parser::take_payload(ACE_Message_Block* mb, size_t& len)
+{
+    len = static_cast<size_t>(std::min<std::uint64_t>(mb->length(), remain_));
+    websocket_unmask(mb->rd_ptr(), len, mask_key_, mask_offset_);
+    mask_offset_ = static_cast<std::uint8_t>((mask_offset_ + len) % sizeof mask_key_);
+    remain_ -= len;
+    if (opcode_ <= BINARY && message_open_) {
+        if (!binary_ && (!UTF8_Check::feed(utf8_state_, mb->rd_ptr(), len) ||
+                         (this->last() && utf8_state_ != UTF8_Check::COMPLETE))) {
+            len = 0;
+            state_ = STATE_ERROR;
+            return state_;
+        }
+        message_open_ = !this->last();
+    }
+    if (remain_ == 0) {
+        state_ = STATE_OPCODE;
+    }
+    return STATE_PAYLOAD;
+}
+
 WebSocket_Data_Frame_Parser::State WebSocket_Data_Frame_Parser::parse(ACE_Message_Block* mb,
                                                                       size_t& len)
 {
@@ -146,27 +169,4 @@ WebSocket_Data_Frame_Parser::State WebSocket_Data_Frame_Parser::parse(ACE_Messag
         return state_ == STATE_PAYLOAD ? STATE_MASK_KEY : state_;
     }
     return this->take_payload(mb, len);
-}
-
-/// Unmasks and reports what there is of the frame's payload.
-WebSocket_Data_Frame_Parser::State WebSocket_Data_Frame_Parser::take_payload(ACE_Message_Block* mb,
-                                                                             size_t& len)
-{
-    len = static_cast<size_t>(std::min<std::uint64_t>(mb->length(), remain_));
-    websocket_unmask(mb->rd_ptr(), len, mask_key_, mask_offset_);
-    mask_offset_ = static_cast<std::uint8_t>((mask_offset_ + len) % sizeof mask_key_);
-    remain_ -= len;
-    if (opcode_ <= BINARY && message_open_) {
-        if (!binary_ && (!UTF8_Check::feed(utf8_state_, mb->rd_ptr(), len) ||
-                         (this->last() && utf8_state_ != UTF8_Check::COMPLETE))) {
-            len = 0;
-            state_ = STATE_ERROR;
-            return state_;
-        }
-        message_open_ = !this->last();
-    }
-    if (remain_ == 0) {
-        state_ = STATE_OPCODE;
-    }
-    return STATE_PAYLOAD;
 }
