@@ -151,7 +151,8 @@ bool HTTP_Svc_Handler_T<Stream, Sync>::expects_more_at_once() const
 
 /**
  * What the event loop is told after a call: to close (-1), to wait for input (0), or to call again
- * although no input will be told (1), because bytes lie in the buffer or above the socket.
+ * although no input will be told, because bytes lie in the buffer or above the socket: at once,
+ * while connection and socket are in the processor's caches.
  */
 template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::finish_upcall(Upcall& upcall, int result)
@@ -169,7 +170,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::finish_upcall(Upcall& upcall, int result)
         return result == -1 ? -1 : 0;
     }
     if (this->has_unserved_bytes() || Stream_IO::pending(this->peer())) {
-        return 1;
+        return Epoll_Reactor::AGAIN_AT_ONCE;
     }
     this->give_back_memory();
     return 0;

@@ -279,7 +279,11 @@ bool Epoll_Reactor::has_work() const
     const Reference_Guard guard(upcall.handler);
     // Nearly always there is input and nothing else, and then the table need not be asked again.
     if (upcall.ready == ACE_Event_Handler::READ_MASK) {
-        if (const int result = upcall.handler->handle_input(upcall.handle); result != 0) {
+        int result = upcall.handler->handle_input(upcall.handle);
+        if (result == AGAIN_AT_ONCE) {
+            result = this->call_at_once(upcall);
+        }
+        if (result != 0) {
             this->settle(upcall, ACE_Event_Handler::READ_MASK, result);
         }
         return 1;
@@ -305,6 +309,18 @@ int Epoll_Reactor::dispatch_batch(const epoll_event* events, int count)
         }
     }
     return dispatched;
+}
+
+/// The calls after the first. @return the last one's result.
+int Epoll_Reactor::call_at_once(const Upcall& upcall)
+{
+    int result = AGAIN_AT_ONCE;
+    for (int left = MOST_IN_A_ROW - 1; left > 0 && result == AGAIN_AT_ONCE &&
+                                       table_.still_wants(upcall, ACE_Event_Handler::READ_MASK);
+         --left) {
+        result = upcall.handler->handle_input(upcall.handle);
+    }
+    return result;
 }
 
 int Epoll_Reactor::dispatch_several(const Upcall& upcall)

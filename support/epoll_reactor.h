@@ -32,6 +32,8 @@ struct epoll_event;
  * - A handler that returns > 0 is called again in the next round, after the round's other handlers,
  *   without waiting for its descriptor; unless it is removed or suspended by then. The same holds
  *   for what an upcall by notify() returns, when the handler is registered under get_handle().
+ * - A handle_input that returns AGAIN_AT_ONCE is called again before the round's other handlers, up
+ *   to MOST_IN_A_ROW calls; then it counts as any other > 0.
  * - Inside handle_close the handler's mask is 0 when nothing is left of it, also at close(); it is
  *   -1 when the handle is not registered, or registered by another handler.
  * - A handle that another handler holds cannot be registered: EEXIST.
@@ -48,6 +50,11 @@ struct epoll_event;
  */
 class HTTPD_SUPPORT_EXPORT Epoll_Reactor : public ACE_Reactor_Impl {
 public:
+    /// What a handler returns that has a little more to do for the same descriptor, and would find
+    /// less of it in the processor's caches after the other handlers.
+    enum : int { AGAIN_AT_ONCE = 2 };
+    enum : int { MOST_IN_A_ROW = 16 };
+
     /// Opens; initialized() tells whether it succeeded (errno otherwise).
     Epoll_Reactor();
     ~Epoll_Reactor() override; ///< close()
@@ -187,6 +194,7 @@ private:
     int dispatch_batch(const epoll_event* events, int count);
     int dispatch(const Upcall& upcall);
     int dispatch_several(const Upcall& upcall);
+    int call_at_once(const Upcall& upcall);
     void dispatch_one(const Upcall& upcall, ACE_Reactor_Mask event);
     int dispatch_notifications(size_t left);
     void dispatch_notification(const ACE_Notification_Buffer& notification);

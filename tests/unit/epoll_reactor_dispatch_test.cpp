@@ -10,6 +10,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <string>
@@ -569,6 +570,62 @@ TEST(Epoll_Reactor_Dispatch, who_is_called_again_comes_after_the_others_of_the_r
     EXPECT_EQ(loop.round(), 2);
     EXPECT_EQ(loop.round(), 2);
     EXPECT_EQ(order, "abababa");
+}
+
+TEST(Epoll_Reactor_Dispatch, who_asks_for_it_is_called_again_at_once_and_so_often)
+{
+    Loop loop;
+    Probe a;
+    Probe b;
+    std::string order;
+    size_t wanted = 3;
+    a.probe->on_input = [&](ACE_HANDLE) {
+        a.pair.drain();
+        order += 'a';
+        const auto calls = static_cast<size_t>(std::count(order.begin(), order.end(), 'a'));
+        return calls < wanted ? int{Epoll_Reactor::AGAIN_AT_ONCE} : 0;
+    };
+    b.probe->on_input = [&](ACE_HANDLE) {
+        b.pair.drain();
+        order += 'b';
+        return 0;
+    };
+    ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+    ASSERT_EQ(loop.reactor.register_handler(b.probe, READ), 0);
+    a.pair.send();
+    b.pair.send();
+    EXPECT_EQ(loop.round(), 2);
+    EXPECT_EQ(order, "aaab");
+
+    // The rest follows in the next round.
+    order.clear();
+    wanted = Epoll_Reactor::MOST_IN_A_ROW + 2;
+    a.pair.send();
+    b.pair.send();
+    EXPECT_EQ(loop.round(), 2);
+    EXPECT_EQ(order, std::string(Epoll_Reactor::MOST_IN_A_ROW, 'a') + 'b');
+    EXPECT_EQ(loop.round(), 1);
+    EXPECT_EQ(order, std::string(Epoll_Reactor::MOST_IN_A_ROW, 'a') + "baa");
+}
+
+TEST(Epoll_Reactor_Dispatch, who_asks_to_be_called_at_once_is_not_when_it_has_left_or_is_suspended)
+{
+    for (const bool leaves : {true, false}) {
+        SCOPED_TRACE(leaves);
+        Loop loop;
+        Probe a;
+        a.probe->on_input = [&](ACE_HANDLE handle) {
+            const int result = leaves ? loop.reactor.remove_handler(a.probe, READ | DONT_CALL)
+                                      : loop.reactor.suspend_handler(handle);
+            EXPECT_EQ(result, 0);
+            return int{Epoll_Reactor::AGAIN_AT_ONCE};
+        };
+        ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
+        a.pair.send();
+        EXPECT_EQ(loop.round(), 1);
+        EXPECT_EQ(loop.round(), 0);
+        EXPECT_EQ(a.record.inputs, 1);
+    }
 }
 
 TEST(Epoll_Reactor_Dispatch,
