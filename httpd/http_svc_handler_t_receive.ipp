@@ -3,8 +3,7 @@
 
 /// One read into the buffer. @return 0, or -1 when the connection is to be closed.
 template <typename Stream, typename Sync>
-[[gnu::always_inline]] inline int
-HTTP_Svc_Handler_T<Stream, Sync>::handle_data_reading(const ACE_Time_Value* timeout)
+int HTTP_Svc_Handler_T<Stream, Sync>::handle_data_reading(const ACE_Time_Value* timeout)
 {
     if (this->make_room() == -1) {
         return -1;

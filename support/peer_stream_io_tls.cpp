@@ -220,6 +220,9 @@ ssize_t Peer_Stream_IO_T<ACE_SSL_SOCK_Stream>::send(ACE_SSL_SOCK_Stream& stream,
 ssize_t Peer_Stream_IO_T<ACE_SSL_SOCK_Stream>::sendv(ACE_SSL_SOCK_Stream& stream, const iovec* iov,
                                                      int count)
 {
+    if (count == 1) {
+        return send(stream, iov->iov_base, iov->iov_len);
+    }
     size_t total = 0;
     SSL* const ssl = tls_ready(stream);
     if (ssl == nullptr || iovec_total(iov, count, total) == -1) {
