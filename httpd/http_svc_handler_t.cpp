@@ -13,6 +13,7 @@
 #include "httpd/lingering_close.h"
 #include "httpd/thread_name.h"
 #include "httpd/websocket_handler_creator_map.h"
+#include "httpd/worker_threads.h"
 #include "support/epoll_reactor.h"
 #include "support/file_send.h"
 #include "support/fixed_block_file_reader_t.h"

@@ -146,7 +146,13 @@ private:
 
     // --- life ---
     int open_i();
+    template <typename Call>
+    int guarded(Call call);
+    int end_by_exception(const char* reason);
+    int handle_read_event();
+    int drive_to_the_end();
     int spawn();
+    static void run_in_thread(void* connection, bool has_log);
     int finish_upcall(Upcall& upcall, int result);
     int handle_close_i();
     bool tell_plug_ins();

@@ -121,6 +121,14 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_input(ACE_HANDLE)
     }
     Upcall upcall;
     upcall_ = &upcall;
+    const int result = this->guarded([this] { return this->handle_read_event(); });
+    return this->finish_upcall(upcall, result);
+}
+
+template <typename Stream, typename Sync>
+int HTTP_Svc_Handler_T<Stream, Sync>::handle_read_event()
+{
+    const Upcall* const upcall = upcall_;
     int result = 0;
     int reads_left = MOST_READS;
     do {
@@ -131,8 +139,45 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_input(ACE_HANDLE)
         if (result != -1) {
             result = this->handle_input_i();
         }
-    } while (result == 0 && !upcall.moved_ && --reads_left > 0 && this->expects_more_at_once());
-    return this->finish_upcall(upcall, result);
+    } while (result == 0 && !upcall->moved_ && --reads_left > 0 && this->expects_more_at_once());
+    return result;
+}
+
+/**
+ * Runs a call by the driver. What a plug-in throws, and what is thrown for lack of memory, ends
+ * this connection and nothing else: above are the loop of many others, or the end of a thread.
+ */
+template <typename Stream, typename Sync>
+template <typename Call>
+int HTTP_Svc_Handler_T<Stream, Sync>::guarded(Call call)
+{
+    try {
+        return call();
+    } catch (const std::exception& problem) {
+        return this->end_by_exception(problem.what());
+    } catch (...) {
+        return this->end_by_exception("of an unknown type");
+    }
+}
+
+/// A client that waits for its response is told, if that still can be done. @return -1
+template <typename Stream, typename Sync>
+int HTTP_Svc_Handler_T<Stream, Sync>::end_by_exception(const char* reason)
+{
+    HTTPD_ERROR("%s connection %s ends by an exception: %s", this->protocol(),
+                addr_string_type(remote_addr_, WITH_PORT).c_str(), reason);
+    const bool awaited = header_received_ && request_state_ >= HTTP_SOCK_STATE_HEADER_RECEIVED &&
+                         request_state_ <= HTTP_SOCK_STATE_CONTENT_RECEIVED &&
+                         this->response_state() == HTTP_SOCK_STATE_CONNECTED &&
+                         !this->is_suspended() && !released_;
+    if (awaited) {
+        try {
+            this->refuse(500);
+            this->log_access(HANDLE_ERROR);
+        } catch (...) { // nothing more can be done for it
+        }
+    }
+    return HANDLE_ERROR;
 }
 
 /**
@@ -197,8 +242,10 @@ int HTTP_Svc_Handler_T<Stream, Sync>::handle_timeout(const ACE_Time_Value& now, 
     }
     Upcall upcall;
     upcall_ = &upcall;
-    const int result = act == &room_timer_id_ ? this->handle_room_timeout()
-                                              : this->handle_timeout_i(now, act);
+    const int result = this->guarded([this, &now, act] {
+        return act == &room_timer_id_ ? this->handle_room_timeout()
+                                      : this->handle_timeout_i(now, act);
+    });
     upcall_ = nullptr;
     if (this->closing_) {
         this->handle_close(ACE_INVALID_HANDLE, ACE_Event_Handler::ALL_EVENTS_MASK);
@@ -270,10 +317,13 @@ bool HTTP_Svc_Handler_T<Stream, Sync>::tell_plug_ins()
                     addr_string_type(remote_addr_, WITH_PORT).c_str());
     }
     if (ws_handler_) {
-        this->close_websocket();
+        this->guarded([this] {
+            this->close_websocket();
+            return 0;
+        });
     }
     if (handler_) {
-        handler_->handle_close();
+        this->guarded([this] { return handler_->handle_close(); });
     }
     return true;
 }
@@ -408,16 +458,15 @@ int HTTP_Svc_Handler_T<Stream, Sync>::spawn()
     }
     Upcall* const upcall = upcall_;
     upcall_ = nullptr;
-    Live_Connections::instance().enter_thread(this);
-    this->thr_mgr(&Live_Connections::instance().threads());
-    this->add_reference();                     // the thread's: dropped by close(), its last call
-    constexpr long DETACHED_THREAD = 0x800042; // THR_EXPLICIT_SCHED | THR_DETACHED | THR_NEW_LWP
-    if (Signals_Blocked guard; this->activate(DETACHED_THREAD, 1) == 0) {
-        // `this` is the thread's now.
-        if (upcall != nullptr) {
-            upcall->moved_ = true;
+    this->add_reference(); // the thread's: dropped by close(), its last call
+    if (Live_Connections::instance().enter_thread(this)) {
+        if (Signals_Blocked guard; Worker_Threads::start(&run_in_thread, this) == 0) {
+            // `this` is the thread's now.
+            if (upcall != nullptr) {
+                upcall->moved_ = true;
+            }
+            return 0;
         }
-        return 0;
     }
     HTTPD_ERROR("Failed to start a worker thread for %s client %s, errno=%d, %m", this->protocol(),
                 addr_string_type(remote_addr_, WITH_PORT).c_str(), errno);
@@ -430,11 +479,28 @@ int HTTP_Svc_Handler_T<Stream, Sync>::spawn()
     return -1;
 }
 
+/// All of a worker thread's life. Without a log, which ACE would crash for lack of, it only ends.
+template <typename Stream, typename Sync>
+void HTTP_Svc_Handler_T<Stream, Sync>::run_in_thread(void* connection, bool has_log)
+{
+    auto* const self = static_cast<HTTP_Svc_Handler_T*>(connection);
+    if (has_log) {
+        self->svc();
+    }
+    self->close();
+}
+
 template <typename Stream, typename Sync>
 int HTTP_Svc_Handler_T<Stream, Sync>::svc()
 {
     Upcall upcall;
     upcall_ = &upcall;
+    return this->guarded([this] { return this->drive_to_the_end(); });
+}
+
+template <typename Stream, typename Sync>
+int HTTP_Svc_Handler_T<Stream, Sync>::drive_to_the_end()
+{
     if (request_state_ != HTTP_SOCK_STATE_WEBSOCKET_HANDSHAKED) {
         set_thread_name("HTTPd", ::pthread_self());
     } else {

@@ -1,12 +1,10 @@
 #include "httpd/live_connections.h"
 
+#include "httpd/worker_threads.h"
 #include "support/log.h"
 
-#include <ace/OS_NS_sys_time.h>
-#include <ace/Thread_Manager.h>
-#include <ace/Time_Value.h>
-
-Live_Connections::Live_Connections() : threads_(*new ACE_Thread_Manager) {}
+#include <cerrno>
+#include <new>
 
 Live_Connections& Live_Connections::instance()
 {
@@ -28,10 +26,16 @@ void Live_Connections::remove()
     }
 }
 
-void Live_Connections::enter_thread(Worker* worker)
+bool Live_Connections::enter_thread(Worker* worker)
 {
     const std::lock_guard<std::mutex> guard(mutex_);
-    workers_.insert(worker);
+    try {
+        workers_.insert(worker);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return false;
+    }
+    return true;
 }
 
 void Live_Connections::leave_thread(Worker* worker)
@@ -58,9 +62,7 @@ bool Live_Connections::drain(std::chrono::milliseconds limit)
     if (changed_.wait_until(guard, deadline, [this] { return count_ == 0; })) {
         guard.unlock();
         // All they have left to do is ACE's own work, which takes no time to speak of.
-        ACE_Time_Value end = ACE_OS::gettimeofday();
-        end += ACE_Time_Value(limit);
-        threads_.wait(&end);
+        Worker_Threads::wait_until(std::chrono::steady_clock::now() + limit);
         return true;
     }
     for (const Worker* worker : workers_) {

@@ -9,8 +9,6 @@
 #include <set>
 #include <string>
 
-class ACE_Thread_Manager;
-
 /**
  * Counts the connections of the process and knows those that live in worker threads, so that a
  * service can end without leaving anyone behind in a plug-in that is about to be unloaded.
@@ -39,14 +37,11 @@ public:
     void remove();
 
     /// Called when a connection goes to a worker thread, and before its stream is closed.
-    void enter_thread(Worker* worker);
+    bool enter_thread(Worker* worker); ///< false: there is no memory (errno)
     void leave_thread(Worker* worker);
 
     /// Interrupts this connection, if it is in a worker thread.
     void interrupt(Worker* worker);
-
-    /// What the worker threads are to be started by, so that drain() can wait for them.
-    ACE_Thread_Manager& threads() { return threads_; }
 
     /**
      * Interrupts the connections in worker threads and waits until no connection is left and the
@@ -56,9 +51,8 @@ public:
     bool drain(std::chrono::milliseconds limit);
 
 private:
-    Live_Connections();
+    Live_Connections() = default;
 
-    ACE_Thread_Manager& threads_;
     std::mutex mutex_;
     std::condition_variable changed_;
     size_t count_ = 0;

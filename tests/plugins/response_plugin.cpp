@@ -15,7 +15,9 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <new>
 #include <ostream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -224,6 +226,14 @@ const std::map<std::string_view, Mode>& modes()
              io.response().status(200, "Fine\r\nX-Evil: yes");
              return counted(io, HELLO);
          }},
+        {"throw", [](HTTP_IO&) -> int { throw std::bad_alloc(); }},
+        {"throw-late",
+         [](HTTP_IO& io) -> int {
+             io.response().content_length(HELLO.size());
+             io.send(HELLO.data(), 5, MORE);
+             throw std::runtime_error("no more");
+         }},
+        {"throw-number", [](HTTP_IO&) -> int { throw 5; }},
         // The one piece is longer than what was declared.
         {"overrun",
          [](HTTP_IO& io) {
