@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/thread_end.h"
+
 #include <cstddef>
 
 /**
@@ -31,7 +33,7 @@ public:
         return piece;
     }
 
-    /// Takes a piece back, and frees it when there is no room for it.
+    /// Takes a piece back, and frees it when there is no room for it, or no memory for a list.
     static void give(Piece* piece)
     {
         List& list = list_;
@@ -60,23 +62,19 @@ private:
         Stage stage_;
     };
 
-    struct Emptied_At_Thread_End {
-        ~Emptied_At_Thread_End()
-        {
-            list_.stage_ = ENDED;
-            while (Piece* const piece = take()) {
-                Traits::free(piece);
-            }
+    static void empty()
+    {
+        list_.stage_ = ENDED;
+        while (Piece* const piece = take()) {
+            Traits::free(piece);
         }
-    };
+    }
 
     static bool open(List& list)
     {
-        if (list.stage_ == ENDED) {
+        if (list.stage_ == ENDED || !call_at_thread_end<&empty>()) {
             return false;
         }
-        static thread_local Emptied_At_Thread_End emptied_at_thread_end;
-        static_cast<void>(emptied_at_thread_end);
         list.stage_ = OPEN;
         return true;
     }
