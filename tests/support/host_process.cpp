@@ -1,5 +1,7 @@
 #include "tests/support/host_process.h"
 
+#include "tests/support/kept_log.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -103,7 +105,8 @@ std::string plugin_configuration(const std::vector<Plugin_Record>& records)
 
 Host_Process::Host_Process(const Command& command)
 {
-    std::vector<std::string> words = {HTTPD_TEST_HOST, "--log-level", command.log_level};
+    std::vector<std::string> words = command.wrapper;
+    words.insert(words.end(), {HTTPD_TEST_HOST, "--log-level", command.log_level});
     words.insert(words.end(), command.host.begin(), command.host.end());
     size_t listeners = 0;
     if (!command.service.empty()) {
@@ -144,13 +147,13 @@ Host_Process::Host_Process(const Command& command)
     ::posix_spawnattr_setsigdefault(&attributes, &defaults);
     ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
     const int error =
-        ::posix_spawn(&pid_, HTTPD_TEST_HOST, &actions, &attributes, argv.data(), environ);
+        ::posix_spawnp(&pid_, words.front().c_str(), &actions, &attributes, argv.data(), environ);
     ::posix_spawnattr_destroy(&attributes);
     ::posix_spawn_file_actions_destroy(&actions);
     ::close(log[1]);
     if (error != 0) {
         ::close(log[0]);
-        throw std::runtime_error(std::string("cannot start ") + HTTPD_TEST_HOST);
+        throw std::runtime_error("cannot start " + words.front());
     }
     reader_ = std::thread([this, handle = log[0]] { this->read_log(handle); });
     if (command.wait_until_ready &&
@@ -196,6 +199,11 @@ void Host_Process::read_log(int handle)
     if (!rest.empty()) {
         lines_.push_back(rest);
     }
+    std::string text;
+    for (const std::string& line : lines_) {
+        text += line + "\n";
+    }
+    keep_log(text);
     log_ended_ = true;
     changed_.notify_all();
 }

@@ -38,6 +38,7 @@ public:
     struct Command {
         std::vector<std::string> host;
         std::vector<std::string> service;
+        std::vector<std::string> wrapper; ///< words that stand before the program (prlimit ...)
         std::string log_level = "debug";
         bool wait_until_ready = true; ///< until one listen line for each -p has been logged
         /// The host's descriptors 0 to 2; -1: the null device, this process's own, the log.

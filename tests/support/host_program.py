@@ -31,6 +31,15 @@ def library(name):
     return os.path.join(os.environ["HTTPD_TEST_LIBRARY_DIR"], "lib%s.so" % name)
 
 
+def keep_log(lines):
+    """Adds log lines to a file of this process where HTTPD_TEST_LOG_DIR names a folder, for
+    scripts/check-messages to look through."""
+    folder = os.environ.get("HTTPD_TEST_LOG_DIR")
+    if folder:
+        with open(os.path.join(folder, "%d.log" % os.getpid()), "a", encoding="utf-8") as file:
+            file.writelines(line + "\n" for line in lines)
+
+
 class Host_Program:
     """One host on an address of its own. It can be started again after its end.
 
@@ -123,6 +132,7 @@ class Host_Program:
                 with self._changed:
                     self._lines.append(line.decode("utf-8", "replace").rstrip("\n"))
                     self._changed.notify_all()
+        keep_log(self._lines)
         with self._changed:
             self._lines.append(None)  # its end
             self._changed.notify_all()

@@ -1,5 +1,7 @@
 #include "tests/support/log_capture.h"
 
+#include "tests/support/kept_log.h"
+
 Log_Capture::Log_Capture()
     : previous_(ACE_Log_Msg::instance()->msg_callback(this)),
       previous_flags_(ACE_Log_Msg::instance()->flags())
@@ -65,5 +67,7 @@ void Log_Capture::log(ACE_Log_Record& record)
 {
     const std::lock_guard<std::mutex> guard(mutex_);
     lines_.push_back({static_cast<ACE_Log_Priority>(record.type()), record.msg_data()});
+    const std::string& text = lines_.back().text;
+    keep_log(text.ends_with('\n') ? text : text + "\n");
     changed_.notify_all();
 }

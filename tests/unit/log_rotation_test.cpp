@@ -1,5 +1,6 @@
 #include "support/log_rotation.h"
 
+#include "tests/support/kept_log.h"
 #include "tests/support/sanitized.h"
 #include "tests/support/temp_dir.h"
 
@@ -101,6 +102,7 @@ public:
         ACE_LOG_MSG->clr_flags(ACE_Log_Msg::OSTREAM);
         ACE_LOG_MSG->set_flags(previous_flags_);
         ACE_LOG_MSG->msg_ostream(previous_);
+        keep_log(stream_.str());
     }
     Log_Stream(const Log_Stream&) = delete;
     Log_Stream& operator=(const Log_Stream&) = delete;
