@@ -183,6 +183,31 @@ TEST_P(File_Send, reads_what_the_system_cannot_send)
     EXPECT_EQ(read_up_to(this->reader(), sizeof expected), std::string(expected, sizeof expected));
 }
 
+/// Files of a process, which has no more than their text: what the system refuses to send is read.
+TEST_P(File_Send, reads_what_has_no_pages)
+{
+    const Test_Fd file(::open("/proc/self/auxv", O_RDONLY | O_CLOEXEC));
+    char expected[4096];
+    const ssize_t length = ::pread(file.get(), expected, sizeof expected, 0);
+    ASSERT_GT(length, 100);
+    const auto size = static_cast<size_t>(length);
+    const File_Sent part = ace_send_file(this->socket(), file.get(), 3, size - 7);
+    EXPECT_EQ(part.outcome_, File_Sent::COMPLETE);
+    EXPECT_EQ(part.sent_, size - 7);
+    EXPECT_EQ(read_up_to(this->reader(), size - 7), std::string(expected + 3, size - 7));
+
+    const File_Sent more = ace_send_file(this->socket(), file.get(), 0, size + 1);
+    EXPECT_EQ(more.outcome_, File_Sent::FILE_ENDED);
+    EXPECT_EQ(more.sent_, size);
+    EXPECT_EQ(read_up_to(this->reader(), size), std::string(expected, size));
+
+    pair_.first = Test_Fd();
+    ::shutdown(this->socket(), SHUT_WR);
+    const File_Sent nothing = ace_send_file(this->socket(), file.get(), 0, size);
+    EXPECT_EQ(nothing.outcome_, File_Sent::SEND_FAILED);
+    EXPECT_EQ(errno, EPIPE);
+}
+
 TEST_P(File_Send, reports_what_cannot_be_read)
 {
     const Test_Fd directory(::open("/", O_RDONLY | O_CLOEXEC));

@@ -247,6 +247,22 @@ TEST_F(Log_Rotation_Test, counts_from_0_and_logs_when_the_directory_cannot_be_re
     EXPECT_EQ(find_current_log_count("", ALL, ""), 0U);
 }
 
+TEST_F(Log_Rotation_Test, keeps_the_old_copies_and_logs_when_it_cannot_look_for_them)
+{
+    ASSERT_EQ(rotate(1, !COMPRESS), 0);
+    directory_.write("log", "x");
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{0, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int result = rotate_log(log_.c_str(), 2, 1, LEVEL, !COMPRESS, {});
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(directory_.names(), (Strings{"log.1", "log.2"}));
+    EXPECT_EQ(lines_.text(),
+              "Failed to look for old copies of log " + log_ + ", errno=24, Too many open files\n");
+}
+
 TEST_F(Log_Rotation_Test, renames_the_log_to_its_numbered_copy)
 {
     EXPECT_EQ(rotate(1, PLAIN), 0);
@@ -520,6 +536,27 @@ TEST_F(Log_Rotation_Test, blocks_signals_in_its_thread_and_no_others)
     EXPECT_EQ(sigismember(&inside, SIGHUP), 1);
     EXPECT_EQ(sigismember(&after, SIGTERM), sigismember(&before, SIGTERM));
     EXPECT_EQ(sigismember(&after, SIGHUP), sigismember(&before, SIGHUP));
+}
+
+TEST_F(Log_Rotation_Test, leaves_the_plain_copy_when_there_is_no_thread_to_compress_it)
+{
+    pthread_attr_t before;
+    pthread_attr_t huge;
+    ASSERT_EQ(pthread_getattr_default_np(&before), 0);
+    ASSERT_EQ(pthread_attr_init(&huge), 0);
+    constexpr size_t MORE_THAN_THERE_IS = size_t{1} << 46;
+    ASSERT_EQ(pthread_attr_setstacksize(&huge, MORE_THAN_THERE_IS), 0);
+    ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+    bool called = false;
+    const int result = rotate(1, COMPRESS, ALL, [&called] { called = true; });
+    EXPECT_EQ(pthread_setattr_default_np(&before), 0);
+    pthread_attr_destroy(&huge);
+    pthread_attr_destroy(&before);
+    EXPECT_EQ(result, 0);
+    EXPECT_TRUE(called);
+    EXPECT_EQ(directory_.names(), Strings{"log.1"});
+    EXPECT_EQ(lines_.text(), "Failed to start the compression of rotated log " + log_ +
+                                 ".1, errno=11, Resource temporarily unavailable\n");
 }
 
 TEST_F(Log_Rotation_Test, leaves_the_plain_copy_when_it_cannot_be_compressed)
