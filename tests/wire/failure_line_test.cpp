@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <csignal>
 #include <functional>
+#include <regex>
 
 namespace {
 
@@ -276,4 +277,31 @@ TEST_F(Failure_Line, service_configuration_file_that_cannot_be_opened_again)
             EXPECT_EQ(runs ? 0 : 1, host.stop(runs ? SIGTERM : 0)) << host.log_text();
             return lines_of(host, "ERROR");
         }));
+}
+
+TEST_F(Failure_Line, log_lines_stay_whole_when_standard_error_takes_little_at_a_time)
+{
+    Fault little{Fault_Call::WRITE};
+    little.longest = 7;
+    little.descriptor = Fault_Descriptor::OTHER;
+    Fault interrupted{Fault_Call::WRITE, EINTR};
+    interrupted.descriptor = Fault_Descriptor::OTHER;
+    interrupted.skip = 1;
+    interrupted.period = 3;
+    Fault full = interrupted;
+    full.error = EAGAIN;
+    full.skip = 2;
+    for (const Fault& fault : {little, interrupted, full}) {
+        faults_.arm(fault);
+        start();
+        EXPECT_EQ(200, status_of(get_request("/probe/hello")));
+        EXPECT_EQ(0, server_->host().stop(SIGTERM));
+        EXPECT_GT(faults_.struck(), 3U);
+        faults_.disarm();
+        const std::regex line(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d{4} [A-Z]+ .+)");
+        for (const std::string& text : server_->host().log()) {
+            EXPECT_TRUE(std::regex_match(text, line)) << text;
+        }
+        EXPECT_EQ("INFO httpd_host has stopped.", log_lines(server_->host()).back());
+    }
 }

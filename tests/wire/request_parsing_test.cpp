@@ -299,6 +299,16 @@ TEST(Request_Origin, leaves_the_peer_address_as_it_is)
               response.body);
 }
 
+TEST(Request_Origin, knows_a_proxy_by_its_IPv4_address_in_the_form_of_IPv6)
+{
+    Probe_Server::Setup setup;
+    setup.host = {"--proxy-from", "::FFFF:127.0.0.1"};
+    Probe_Server server(setup);
+    const auto client = server.connect();
+    ASSERT_NE(nullptr, client);
+    EXPECT_EQ("203.0.113.7", original_address(*client, {"X-Forwarded-For: 203.0.113.7"}));
+}
+
 TEST(Request_Origin, trusts_no_other_peer_than_the_proxy)
 {
     for (const std::string proxy : {"", "127.0.0.9", "::1"}) {
