@@ -15,7 +15,7 @@ using Fields = Plain_Head::Fields;
 std::string* find(Fields& fields, std::string_view name)
 {
     for (auto& [its_name, value] : fields) {
-        if (plain::lower(its_name) == plain::lower(name)) {
+        if (plain::same(its_name, name)) {
             return &value;
         }
     }
@@ -26,7 +26,7 @@ std::string* find(Fields& fields, std::string_view name)
 std::string name_in_table(std::string_view name, bool& known)
 {
     for (int id = 0; id < NUM_HTTP_HEADS; ++id) {
-        if (plain::lower(http_header_name(id)) == plain::lower(name)) {
+        if (plain::same(http_header_name(id), name)) {
             known = true;
             return std::string(http_header_name(id));
         }

@@ -33,11 +33,27 @@ inline std::string lower(std::string_view text)
     return result;
 }
 
+/// Equal without regard to the case of letters.
+inline bool same(std::string_view a, std::string_view b)
+{
+    if (a.size() != b.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < a.size(); ++i) {
+        if (lower(a[i]) != lower(b[i])) {
+            return false;
+        }
+    }
+    return true;
+}
+
 /// 0 to 15, or -1.
 inline int hex(char c)
 {
-    const size_t at = std::string_view("0123456789abcdef").find(lower(c));
-    return at == std::string_view::npos ? -1 : static_cast<int>(at);
+    if (is_digit(c)) {
+        return c - '0';
+    }
+    return lower(c) >= 'a' && lower(c) <= 'f' ? lower(c) - 'a' + 10 : -1;
 }
 
 inline bool is_control_but_tab(char c)

@@ -67,7 +67,8 @@ std::string decoded(std::string_view text)
 std::string name_in(std::string_view path, size_t offset)
 {
     std::string name = decoded(path.substr(offset));
-    if (name.starts_with('/')) {
+    const bool mount_has_slash = offset > 0 && path[offset - 1] == '/';
+    if (!mount_has_slash && name.starts_with('/')) {
         name.erase(0, 1);
     }
     return path.ends_with('/') ? name + "index.html" : name;

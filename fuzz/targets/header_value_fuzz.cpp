@@ -23,7 +23,7 @@ bool in_list(std::string_view list, std::string_view token, char separator)
 {
     const auto parts = plain::split(list, separator);
     return std::any_of(parts.begin(), parts.end(), [token](std::string_view part) {
-        return !token.empty() && plain::lower(plain::trim(part)) == plain::lower(token);
+        return !token.empty() && plain::same(plain::trim(part), token);
     });
 }
 

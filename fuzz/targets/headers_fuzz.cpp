@@ -17,7 +17,7 @@ using Fields = Plain_Head::Fields;
 int id_of(std::string_view name)
 {
     for (int id = 0; id < NUM_HTTP_HEADS; ++id) {
-        if (plain::lower(http_header_name(id)) == plain::lower(name)) {
+        if (plain::same(http_header_name(id), name)) {
             return id;
         }
     }
@@ -52,7 +52,7 @@ public:
             return false;
         }
         std::erase_if(fields_, [name](const auto& field) {
-            return plain::lower(field.first) == plain::lower(name);
+            return plain::same(field.first, name);
         });
         return true;
     }
@@ -61,7 +61,7 @@ private:
     Fields::iterator find(std::string_view name)
     {
         return std::find_if(fields_.begin(), fields_.end(), [name](const auto& field) {
-            return plain::lower(field.first) == plain::lower(name);
+            return plain::same(field.first, name);
         });
     }
 
