@@ -4,10 +4,8 @@
 #include <dlfcn.h>
 #include <netdb.h>
 
-extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* node,
-                                                                  const char* service,
-                                                                  const addrinfo* hints,
-                                                                  addrinfo** result)
+extern "C" __attribute__((visibility("default"))) int
+getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** result)
 {
     using Function = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
     static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "getaddrinfo"));

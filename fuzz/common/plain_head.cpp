@@ -37,8 +37,8 @@ std::string name_in_table(std::string_view name, bool& known)
 
 bool is_content_length(std::string_view value)
 {
-    constexpr auto MOST = static_cast<unsigned __int128>(1) << 64;
-    unsigned __int128 number = 0;
+    constexpr auto MOST = static_cast<plain::Unsigned_Wide>(1) << 64;
+    plain::Unsigned_Wide number = 0;
     if (plain::leading_number(value, MOST, number) == 0 || number == MOST) {
         return false;
     }

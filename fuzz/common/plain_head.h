@@ -8,7 +8,8 @@
 
 /**
  * A request head as a plain reading of the rules has it: all at once, line by line, with strings.
- * What the server's parser, which reads in pieces and sixteen characters at a time, must agree with.
+ * What the server's parser, which reads in pieces and sixteen characters at a time, must agree
+ * with.
  */
 struct Plain_Head {
     enum Verdict { UNFINISHED, MALFORMED, COMPLETE };

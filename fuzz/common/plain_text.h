@@ -9,6 +9,10 @@
 
 namespace plain {
 
+/// Wide enough for every number that an input can be about.
+__extension__ typedef __int128 Wide;
+__extension__ typedef unsigned __int128 Unsigned_Wide;
+
 inline bool is_digit(char c)
 {
     return c >= '0' && c <= '9';
@@ -99,7 +103,7 @@ inline std::vector<std::string_view> split(std::string_view text, char separator
 }
 
 /// The number that the digits at the front make, at most `most`; how many there were.
-inline size_t leading_number(std::string_view text, unsigned __int128 most, unsigned __int128& number)
+inline size_t leading_number(std::string_view text, Unsigned_Wide most, Unsigned_Wide& number)
 {
     size_t count = 0;
     number = 0;

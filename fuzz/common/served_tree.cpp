@@ -28,9 +28,9 @@ Served_Tree::Served_Tree()
     this->write("/root/.secret", SECRET);
     this->write("/root/dir/.secret", SECRET);
 
-    for (const char* file : {"index.html", "page.html", "page.html.gz", "dir/index.html",
-                             "dir/sub/deep.txt", ".well-known/x", "a b/c d", "\xC3\xBC", "%41",
-                             "a+b", "x;y=z", "...", "a..b", "-", "~"}) {
+    for (const char* file :
+         {"index.html", "page.html", "page.html.gz", "dir/index.html", "dir/sub/deep.txt",
+          ".well-known/x", "a b/c d", "\xC3\xBC", "%41", "a+b", "x;y=z", "...", "a..b", "-", "~"}) {
         this->file(file);
     }
     names_.erase("..."); // begins with a dot: hidden

@@ -1,5 +1,6 @@
-// Runs a fuzz target over stored inputs, each once: the files given, and those of the folders given.
-// A folder that is not there has none: few targets have regressions. Without any input it fails.
+// Runs a fuzz target over stored inputs, each once: the files given, and those of the folders
+// given. A folder that is not there has none: few targets have regressions. Without any input it
+// fails.
 
 #include <cstddef>
 #include <cstdint>

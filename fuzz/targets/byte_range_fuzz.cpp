@@ -10,7 +10,7 @@
 
 namespace {
 
-using Wide = unsigned __int128;
+using Wide = plain::Unsigned_Wide;
 
 struct Expected {
     Byte_Range::Kind kind_ = Byte_Range::WHOLE;

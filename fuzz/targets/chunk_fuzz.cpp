@@ -36,7 +36,7 @@ private:
     /// @return true when another chunk follows.
     bool chunk()
     {
-        unsigned __int128 size = 0;
+        plain::Unsigned_Wide size = 0;
         for (; at_ < text_.size() && plain::hex(text_[at_]) >= 0; ++at_) {
             size = size * 16 + static_cast<unsigned>(plain::hex(text_[at_]));
             if (size >> 64 != 0) {

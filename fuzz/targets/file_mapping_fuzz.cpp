@@ -120,8 +120,8 @@ void check_request(Site& site, const Served_Tree& tree, const HTTP_Request& requ
     if (status == 200) {
         check_found(file, tree, site, path, offset);
     } else if (status == 404 && path.starts_with('/') && is_canonical(path.substr(offset))) {
-        const bool at_border = path.size() == offset || path[offset] == '/' ||
-                               (offset > 0 && path[offset - 1] == '/');
+        const bool at_border =
+            path.size() == offset || path[offset] == '/' || (offset > 0 && path[offset - 1] == '/');
         const std::string name = name_in(path, offset);
         FUZZ_CHECK(!at_border || name.starts_with('/') ||
                        tree.reached(name, site.by_links_).empty(),

@@ -45,8 +45,8 @@ void check_connection(Fuzz_Input& input)
     const std::string_view value = input.rest();
     const bool put = request.headers().put(HTTP_HEAD_CONNECTION, value) == 0;
     const std::string_view kept = put ? value : "";
-    const bool expected = !in_list(kept, "close", ',') &&
-                          (minor_version > 0 || in_list(kept, "keep-alive", ','));
+    const bool expected =
+        !in_list(kept, "close", ',') && (minor_version > 0 || in_list(kept, "keep-alive", ','));
     FUZZ_CHECK(request.keep_alive() == expected, "a connection is kept against the rules");
 }
 
@@ -58,7 +58,7 @@ void check_length(Fuzz_Input& input)
         return;
     }
     constexpr auto MOST = ~std::uint64_t{0};
-    unsigned __int128 number = 0;
+    plain::Unsigned_Wide number = 0;
     plain::leading_number(value, MOST, number);
     FUZZ_CHECK(request.content_length() == number, "another length than the digits say");
 }

@@ -32,8 +32,8 @@ public:
     /// @return whether the field may be put.
     bool put(std::string_view name, std::string_view value)
     {
-        if (!plain::is_token(name) || value.find_first_of(std::string_view("\r\n\0", 3)) !=
-                                          std::string_view::npos) {
+        if (!plain::is_token(name) ||
+            value.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos) {
             return false;
         }
         const int id = id_of(name);
@@ -51,18 +51,16 @@ public:
         if (!plain::is_token(name)) {
             return false;
         }
-        std::erase_if(fields_, [name](const auto& field) {
-            return plain::same(field.first, name);
-        });
+        std::erase_if(fields_,
+                      [name](const auto& field) { return plain::same(field.first, name); });
         return true;
     }
 
 private:
     Fields::iterator find(std::string_view name)
     {
-        return std::find_if(fields_.begin(), fields_.end(), [name](const auto& field) {
-            return plain::same(field.first, name);
-        });
+        return std::find_if(fields_.begin(), fields_.end(),
+                            [name](const auto& field) { return plain::same(field.first, name); });
     }
 
     Fields fields_;
@@ -82,8 +80,7 @@ void put_known(HTTP_Response& response, Model& model, Fuzz_Input& input)
     const int id = input.byte() % (NUM_HTTP_HEADS + 1);
     const std::string value(input.until('\n'));
     const int result = response.headers().put(id, std::string_view(value));
-    FUZZ_CHECK((result == 0) ==
-                   (id < NUM_HTTP_HEADS && model.put(http_header_name(id), value)),
+    FUZZ_CHECK((result == 0) == (id < NUM_HTTP_HEADS && model.put(http_header_name(id), value)),
                "a known field is put or refused against the rules");
 }
 

@@ -24,7 +24,8 @@ bool is_usable(const std::string& hash)
 bool model(std::string_view text, std::set<std::string>& users)
 {
     for (std::string_view line : plain::split(text, '\n')) {
-        while (!line.empty() && (line.back() == ' ' || line.back() == '\t' || line.back() == '\r')) {
+        while (!line.empty() &&
+               (line.back() == ' ' || line.back() == '\t' || line.back() == '\r')) {
             line.remove_suffix(1);
         }
         if (line.empty() || line.front() == '#') {

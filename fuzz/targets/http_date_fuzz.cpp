@@ -52,13 +52,13 @@ bool model(const std::string& text, std::int64_t& when)
     char zone[4] = "";
     int used = 0;
     const char* const rest = text.c_str() + std::strcspn(text.c_str(), " ");
-    const bool is_imf = std::sscanf(rest, " %2d %3[A-Za-z] %4d %2d:%2d:%2d %3s%n", &parts.tm_mday,
-                                    month, &parts.tm_year, &parts.tm_hour, &parts.tm_min,
-                                    &parts.tm_sec, zone, &used) == 7;
+    const bool is_imf =
+        std::sscanf(rest, " %2d %3[A-Za-z] %4d %2d:%2d:%2d %3s%n", &parts.tm_mday, month,
+                    &parts.tm_year, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, zone, &used) == 7;
     const bool is_850 =
-        !is_imf && std::sscanf(rest, " %2d-%3[A-Za-z]-%2d %2d:%2d:%2d %3s%n", &parts.tm_mday, month,
-                               &parts.tm_year, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, zone,
-                               &used) == 7;
+        !is_imf &&
+        std::sscanf(rest, " %2d-%3[A-Za-z]-%2d %2d:%2d:%2d %3s%n", &parts.tm_mday, month,
+                    &parts.tm_year, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, zone, &used) == 7;
     const bool is_asctime =
         !is_imf && !is_850 &&
         std::sscanf(rest, " %3[A-Za-z] %2d %2d:%2d:%2d %4d%n", month, &parts.tm_mday,

@@ -66,7 +66,7 @@ std::vector<Expected> read_pieces(std::string_view text)
 /// A port as digits, without more than that. -1 when it is none.
 int port_of(std::string_view text)
 {
-    unsigned __int128 port = 0;
+    plain::Unsigned_Wide port = 0;
     const bool good = !text.empty() && plain::leading_number(text, 65536, port) == text.size();
     return good && port < 65536 ? static_cast<int>(port) : -1;
 }
@@ -134,9 +134,9 @@ void check_local(const HTTP_Options& options, const std::vector<Expected>& expec
     }
     bool is_one = false;
     for (int i = 0; const Address* const address = options.listen_address(i); ++i) {
-        is_one = is_one ||
-                 (address->type <= Address::TYPE_HTTPS && address->is_ssl() == ssl &&
-                  static_cast<const ACE_INET_Addr&>(*address->sap).get_port_number() == port);
+        is_one =
+            is_one || (address->type <= Address::TYPE_HTTPS && address->is_ssl() == ssl &&
+                       static_cast<const ACE_INET_Addr&>(*address->sap).get_port_number() == port);
         FUZZ_CHECK(!ssl || address->type != Address::TYPE_HTTP, "TLS is chosen before plain");
     }
     FUZZ_CHECK(is_one, "nobody listens at the port");

@@ -15,7 +15,7 @@
 
 namespace {
 
-using Wide = __int128;
+using Wide = plain::Wide;
 
 int parse(HTTP_Options& options, std::vector<std::string>& words)
 {
@@ -33,14 +33,14 @@ Wide integer(std::string_view text, bool& has_digits, bool& too_large, size_t& u
 {
     const bool negative = text.starts_with('-');
     const size_t sign = negative || text.starts_with('+') ? 1 : 0;
-    constexpr auto MOST = static_cast<unsigned __int128>(1) << 100;
-    unsigned __int128 digits = 0;
+    constexpr auto MOST = static_cast<plain::Unsigned_Wide>(1) << 100;
+    plain::Unsigned_Wide digits = 0;
     const size_t count = plain::leading_number(text.substr(sign), MOST, digits);
     has_digits = count > 0 && !(negative && !std::numeric_limits<T>::is_signed);
     used = sign + count;
     const Wide value = negative ? -static_cast<Wide>(digits) : static_cast<Wide>(digits);
-    too_large = has_digits && (value > std::numeric_limits<T>::max() ||
-                               value < std::numeric_limits<T>::min());
+    too_large = has_digits &&
+                (value > std::numeric_limits<T>::max() || value < std::numeric_limits<T>::min());
     if (!has_digits) {
         return 0;
     }
@@ -74,8 +74,8 @@ Wide size_of(std::string_view text)
         return value;
     }
     text = skip_space(text.substr(used));
-    const size_t unit = text.empty() ? std::string::npos
-                                     : std::string_view("kmgtpe").find(plain::lower(text[0]));
+    const size_t unit =
+        text.empty() ? std::string::npos : std::string_view("kmgtpe").find(plain::lower(text[0]));
     if (unit == std::string::npos) {
         return value;
     }

@@ -71,8 +71,8 @@ Outcome read(std::string_view text, Pieces* pieces)
     FUZZ_CHECK(outcome.loaded_ == outcome.records_.size() - outcome.records_.size() / 3,
                "loaded() is wrong");
     for (const Record& record : outcome.records_) {
-        for (const std::string* text_of : {&record.uri_, &record.dll_, &record.init_,
-                                           &record.params_}) {
+        for (const std::string* text_of :
+             {&record.uri_, &record.dll_, &record.init_, &record.params_}) {
             FUZZ_CHECK(text_of->find('\0') == std::string::npos, "a NUL in a record");
             FUZZ_CHECK(plain_utf8(*text_of) == Plain_UTF8::COMPLETE, "a record is not UTF-8");
         }

@@ -65,8 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     while (uris.size() < count && !input.empty()) {
         const std::string uri(input.until('\n'));
         const bool is_new = std::find(uris.begin(), uris.end(), uri) == uris.end();
-        const int result =
-            registry.insert(uri, "", &factories[uris.size()], &Factory::leave_alone);
+        const int result = registry.insert(uri, "", &factories[uris.size()], &Factory::leave_alone);
         FUZZ_CHECK((result == 0) == is_new, "a URI is registered twice, or not at all");
         if (is_new) {
             uris.push_back(uri);

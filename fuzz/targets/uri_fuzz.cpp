@@ -17,9 +17,8 @@ namespace {
 bool same(const URI& a, const URI& b)
 {
     return a.scheme() == b.scheme() && a.userinfo() == b.userinfo() &&
-           a.host(true) == b.host(true) && a.host(false) == b.host(false) &&
-           a.port() == b.port() && a.path() == b.path() && a.query() == b.query() &&
-           a.fragment() == b.fragment();
+           a.host(true) == b.host(true) && a.host(false) == b.host(false) && a.port() == b.port() &&
+           a.path() == b.path() && a.query() == b.query() && a.fragment() == b.fragment();
 }
 
 /// The text of a parsed URI is one, stands for the same, and is written the same again.
@@ -89,7 +88,8 @@ bool is_plain_part(const std::string& text, std::string_view more)
     for (size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
         if (c == '%') {
-            if (i + 2 >= text.size() || plain::hex(text[i + 1]) < 0 || plain::hex(text[i + 2]) < 0) {
+            if (i + 2 >= text.size() || plain::hex(text[i + 1]) < 0 ||
+                plain::hex(text[i + 2]) < 0) {
                 return false;
             }
             i += 2;
@@ -105,11 +105,10 @@ bool is_plain_part(const std::string& text, std::string_view more)
 /// Why the server's parser is stricter: its decisions rest on host and port.
 bool may_refuse(const Judge& judge)
 {
-    unsigned __int128 port = 0;
+    plain::Unsigned_Wide port = 0;
     plain::leading_number(judge.port(), 65536, port);
     const std::string scheme = judge.scheme();
-    const bool is_ours =
-        scheme == "http" || scheme == "https" || scheme == "ws" || scheme == "wss";
+    const bool is_ours = scheme == "http" || scheme == "https" || scheme == "ws" || scheme == "wss";
     return port > 65535 || (is_ours && judge.host().empty());
 }
 
@@ -135,7 +134,7 @@ void check_against_judge(const std::string& text, bool taken, const URI& uri)
     FUZZ_CHECK(uri.scheme() == judge.scheme(), "another scheme");
     FUZZ_CHECK(uri.userinfo() == judge.userinfo(), "another user");
     FUZZ_CHECK(uri.host(false) == judge.host(), "another host");
-    unsigned __int128 port = 0;
+    plain::Unsigned_Wide port = 0;
     plain::leading_number(judge.port(), 65536, port);
     FUZZ_CHECK(uri.port() == port, "another port");
     FUZZ_CHECK(uri.path() == judge.path(), "another path");

@@ -203,10 +203,11 @@ bool same_before_mistake(const Decoded& got, const Decoded& expected)
     for (size_t i = 0; i < got.frames_.size(); ++i) {
         const Frame& frame = got.frames_[i];
         const Frame& model = expected.frames_[i];
-        const bool same =
-            i + 1 < most ? frame == model
-                         : frame.opcode_ == model.opcode_ && frame.length_ == model.length_ &&
-                               frame.fin_ == model.fin_ && model.payload_.starts_with(frame.payload_);
+        const bool same = i + 1 < most
+                              ? frame == model
+                              : frame.opcode_ == model.opcode_ && frame.length_ == model.length_ &&
+                                    frame.fin_ == model.fin_ &&
+                                    model.payload_.starts_with(frame.payload_);
         if (!same) {
             return false;
         }
@@ -307,7 +308,10 @@ void check_round_trip(Fuzz_Input& input, std::uint16_t choice)
         from_server += encode(server_frame, is_ping || fin, opcode, false, payload, pieces);
         from_client += encode(client_frame, is_ping || fin, opcode, true, payload, pieces);
         mask_with(from_client, begin, payload.size(), key);
-        sent.push_back({is_ping ? 9U : open ? 0U : 2U, is_ping || fin, payload.size(), payload, true});
+        sent.push_back({is_ping ? 9U
+                        : open  ? 0U
+                                : 2U,
+                        is_ping || fin, payload.size(), payload, true});
         open = is_ping ? open : !fin;
         FUZZ_CHECK(server_frame.message_open() == open, "message_open() is wrong");
         if (sent.size() == 8) {

@@ -35,9 +35,11 @@ bool judge(const char* path)
     HTTP_Request request;
     const HTTP_Parser_State state = HTTP_Request_Parser().parse(block.block(), request);
     if (state == HTTP_PARSER_STATE_HEADERS_DONE) {
-        std::printf("complete %zu %zu %s\n", bytes.size() - text.size(), block.consumed(text), path);
+        std::printf("complete %zu %zu %s\n", bytes.size() - text.size(), block.consumed(text),
+                    path);
     } else {
-        std::printf("%s 0 0 %s\n", state == HTTP_PARSER_STATE_ERROR ? "refused" : "unfinished", path);
+        std::printf("%s 0 0 %s\n", state == HTTP_PARSER_STATE_ERROR ? "refused" : "unfinished",
+                    path);
     }
     return true;
 }
