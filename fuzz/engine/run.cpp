@@ -150,7 +150,7 @@ bool Run::receive(unsigned number, size_t limit)
     Conversation& conversation = conversations_[number];
     bool any = false;
     while (client.handle_ != -1 && !client.ended_ && limit > 0) {
-        char buffer[16 * 1024];
+        static char buffer[16 * 1024]; // not on the stack, which the sanitizer would clear
         const ssize_t received =
             ::recv(client.handle_, buffer, std::min(limit, sizeof buffer), MSG_DONTWAIT);
         if (received == -1 && errno == EAGAIN) {

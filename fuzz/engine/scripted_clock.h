@@ -9,7 +9,10 @@ public:
     using Epoll_Timer_Queue::gettimeofday;
 
     ACE_Time_Value gettimeofday() override { return now_; }
-    int expire() override { return this->expire(now_); }
+    int expire() override
+    {
+        return this->is_empty() || this->earliest_time() > now_ ? 0 : this->expire(now_);
+    }
 
     void pass(const ACE_Time_Value& time) { now_ += time; }
 
