@@ -13,9 +13,7 @@ struct Taken_Request {
 /// The plug-in of a WebSocket connection.
 struct Taken_WebSocket {
     bool taken_ = false;
-    /// Sends a fragmented message on as it comes, so that what the server takes for a part of a
-    /// pong, a continuation behind a ping, has its message.
-    bool echoes_ = false;
+    bool echoes_ = false; ///< answers each message, and each part of one, with one of its own
     bool ends_with_close_ = false; ///< sends no message behind its close frame
 };
 

@@ -54,6 +54,7 @@ private:
     std::string_view left_;
     bool message_open_ = false;
     bool closed_ = false;
+    bool ponged_ = false; ///< since the last message that the client is known to have sent
     std::string message_;
     std::string text_;
 };
@@ -147,6 +148,7 @@ void Frame_Reader::take_control(const Frame& frame)
         }
         closed_ = true;
     }
+    ponged_ = ponged_ || frame.opcode_ == PONG;
     text_ += std::to_string(frame.opcode_) + ": " + std::string(frame.payload_) + "\n";
 }
 
@@ -156,12 +158,14 @@ void Frame_Reader::take_data(const Frame& frame)
         this->wrong("a message behind the close frame"); // RFC 6455, section 5.5.1
     }
     if (frame.opcode_ == CONTINUATION && !message_open_) {
-        if (conversation_.websocket_.echoes_) {
+        // This server takes a continuation that comes behind a ping for a part of the ping.
+        if (!ponged_) {
             this->wrong("a continuation of no message");
         }
         return;
     }
     if (frame.opcode_ != CONTINUATION) {
+        ponged_ = ponged_ && !conversation_.websocket_.echoes_;
         if (message_open_) {
             this->wrong("a message within a message");
         }
