@@ -34,7 +34,10 @@ protected:
         Probe_Server::Setup setup;
         setup.options = options;
         setup.handlers.push_back({"/files", "httpd_files", "_make_Files", "--root " + root_});
-        setup.websockets = {{"/ws", "websocket_probe_plugin", "_make_WS_Probe"}};
+        setup.handlers.push_back({"/thread", "httpd_files", "_make_Files",
+                                  "--thread-size 0 --root " + root_});
+        setup.websockets = {{"/ws", "websocket_probe_plugin", "_make_WS_Probe"},
+                            {"/chat", "httpd_ws_chat", "_make_WS_Chat"}};
         const Faults::In_Environment environment(faults_);
         server_ = std::make_unique<Listener_Server>(Listener_Kind::TCP, setup);
         return *server_;
@@ -147,6 +150,44 @@ TEST_F(Failure_Line, old_log_that_cannot_be_removed)
     }
     EXPECT_EQ(Words{"Failed to remove old log " + log + ".1, errno=5, Input/output error"},
               errors());
+}
+
+// ---------------------------------------------------------------- memory
+
+/// The line comes for one of the allocations that a request costs.
+TEST_F(Failure_Line, memory_that_a_request_needs)
+{
+#if defined(HTTPD_TEST_SANITIZED)
+    GTEST_SKIP() << "a sanitizer has the heap in its own hands";
+#endif
+    const struct {
+        std::string request;
+        std::string line;
+    } rows[] = {
+        {get_request("/thread/small.txt"),
+         "Failed to allocate a buffer for '/thread/small.txt', errno=12, Cannot allocate memory"},
+        {upgrade_request("/ws"), "Failed to calculate WebSocket accept key, errno=12, "},
+        {upgrade_request("/chat"), " is refused, errno=12, Cannot allocate memory"},
+    };
+    start();
+    constexpr std::uint64_t MOST = 60;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.line);
+        bool told = false;
+        for (std::uint64_t n = MOST; n-- > 0 && !told;) {
+            faults_.arm({Fault_Call::ALLOCATE, ENOMEM, 0, n, 1});
+            const auto client = server_->connect();
+            ASSERT_NE(nullptr, client);
+            client->send(row.request);
+            client->half_close();
+            client->read_to_end();
+            faults_.disarm();
+            ASSERT_EQ(200, status_of(get_request("/probe/hello"))) << n;
+            told = server_->host().count_log(row.line) > 0;
+        }
+        EXPECT_TRUE(told);
+    }
+    errors();
 }
 
 // ---------------------------------------------------------------- connections
