@@ -5,6 +5,7 @@
 #include "tests/support/host_run.h"
 #include "tests/support/listener_server.h"
 #include "tests/support/log_lines.h"
+#include "tests/support/sanitized.h"
 #include "tests/support/stdio_host.h"
 #include "tests/support/websocket_client.h"
 
@@ -34,8 +35,8 @@ protected:
         Probe_Server::Setup setup;
         setup.options = options;
         setup.handlers.push_back({"/files", "httpd_files", "_make_Files", "--root " + root_});
-        setup.handlers.push_back({"/thread", "httpd_files", "_make_Files",
-                                  "--thread-size 0 --root " + root_});
+        setup.handlers.push_back(
+            {"/thread", "httpd_files", "_make_Files", "--thread-size 0 --root " + root_});
         setup.websockets = {{"/ws", "websocket_probe_plugin", "_make_WS_Probe"},
                             {"/chat", "httpd_ws_chat", "_make_WS_Chat"}};
         const Faults::In_Environment environment(faults_);

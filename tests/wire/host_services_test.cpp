@@ -2,6 +2,7 @@
 
 #include "tests/support/host_run.h"
 #include "tests/support/log_lines.h"
+#include "tests/support/sanitized.h"
 
 #include <gtest/gtest.h>
 
@@ -49,6 +50,9 @@ TEST(Host_Services, directive_that_fails_is_told)
 
 TEST(Host_Services, too_few_descriptors_are_told_wherever_they_run_out)
 {
+#if defined(HTTPD_TEST_SANITIZED)
+    GTEST_SKIP() << "the look for leaks at the end needs descriptors itself";
+#endif
     const std::string address = own_loopback_address();
     const Temporary_Folder folder;
     const std::string handlers = folder.write("http.json", plugin_configuration({}));
