@@ -28,6 +28,7 @@ protected:
     Failure_Line() : root_(folder_.path() + "/root")
     {
         folder_.write("root/small.txt", "small file");
+        folder_.write("root/large.txt", std::string(100'000, 'x'));
     }
 
     Listener_Server& start(const Words& options = {"-t", "1"})
@@ -165,8 +166,8 @@ TEST_F(Failure_Line, memory_that_a_request_needs)
         std::string request;
         std::string line;
     } rows[] = {
-        {get_request("/thread/small.txt"),
-         "Failed to allocate a buffer for '/thread/small.txt', errno=12, Cannot allocate memory"},
+        {get_request("/thread/large.txt", {"Range: bytes=0-99"}),
+         "Failed to allocate a buffer for '/thread/large.txt', errno=12, Cannot allocate memory"},
         {upgrade_request("/ws"), "Failed to calculate WebSocket accept key, errno=12, "},
         {upgrade_request("/chat"), " is refused, errno=12, Cannot allocate memory"},
     };
