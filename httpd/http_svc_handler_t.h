@@ -175,6 +175,7 @@ private:
     int schedule_ping_timeout(bool debugging);
 
     // --- a client that does not read what it is sent ---
+    void widen_output(std::uint64_t payload);
     void count_output(size_t bytes);
     bool looks_full() const;
     bool has_room();
@@ -272,6 +273,7 @@ private:
     Upcall* upcall_ = nullptr;
     unsigned output_unlooked_ = 0; ///< bytes sent since the socket was seen to have room
     int unsent_ = 0;               ///< bytes that lay in the socket when the timer was armed
+    bool output_widened_ = false;  ///< the socket takes a large answer at once
     bool close_sent_ = false;      ///< our close frame has been sent
     bool buffer_filled_ = false;   ///< by the last read
     bool released_ = false;        ///< handle_close_i has run

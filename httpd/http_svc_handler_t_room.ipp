@@ -14,6 +14,24 @@ constexpr unsigned LOOK_AFTER = 16 * 1024;
 /// What a response or a piece of one takes besides its payload, about.
 constexpr size_t FRAMING_BYTES = 256;
 
+/// What the loop answers in one piece is not much larger: plug-ins move to a thread for that.
+constexpr size_t LARGE_ANSWER = 32 * 1024;
+constexpr int WIDE_OUTPUT = 256 * 1024;
+
+/**
+ * Before the loop sends a large answer: a new connection's socket often takes less than that, and
+ * the loop would wait until the client has read the rest.
+ */
+template <typename Stream, typename Sync>
+void HTTP_Svc_Handler_T<Stream, Sync>::widen_output(std::uint64_t payload)
+{
+    if (TELLS_ROOM<Stream> && payload > LARGE_ANSWER && !output_widened_ &&
+        concurrent_state_ == STATE_REACTIVE) {
+        output_widened_ = true;
+        widen_send_buffer(this->peer().get_handle(), WIDE_OUTPUT);
+    }
+}
+
 template <typename Stream, typename Sync>
 void HTTP_Svc_Handler_T<Stream, Sync>::count_output(size_t bytes)
 {

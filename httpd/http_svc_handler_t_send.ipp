@@ -79,6 +79,7 @@ bool HTTP_Svc_Handler_T<Stream, Sync>::begin_headers(bool keep)
     content_sent_ = 0;
     response_length_ = 0;
     response_.keep_alive(keep);
+    this->widen_output(response_.content_length());
     return keep;
 }
 

@@ -277,3 +277,13 @@ int unsent_bytes(int handle)
     int bytes = 0;
     return ioctl(handle, SIOCOUTQ, &bytes) == 0 ? bytes : 0;
 }
+
+void widen_send_buffer(int handle, int bytes)
+{
+    // The system counts its own overhead in, and doubles for that what it is asked for.
+    int size = 0;
+    socklen_t length = sizeof size;
+    if (getsockopt(handle, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 && size / 2 < bytes) {
+        setsockopt(handle, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+    }
+}

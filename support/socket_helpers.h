@@ -65,3 +65,9 @@ HTTPD_SUPPORT_EXPORT bool socket_has_room(int handle);
 
 /// Bytes that were sent and that the peer's side has not taken yet; 0 where that cannot be told.
 HTTPD_SUPPORT_EXPORT int unsent_bytes(int handle);
+
+/**
+ * Sees to it that the socket takes `bytes` at once while its peer reads nothing. A buffer that has
+ * to be made larger no longer grows by itself; the system's limit (net.core.wmem_max) holds.
+ */
+HTTPD_SUPPORT_EXPORT void widen_send_buffer(int handle, int bytes);

@@ -197,6 +197,54 @@ TEST(Socket_Helpers, send_limit_is_the_sockets_own_or_the_default)
     EXPECT_EQ(errno, EAGAIN) << "keeps errno";
 }
 
+TEST(Socket_Helpers, room_is_gone_when_the_peer_does_not_read_and_back_when_it_has_read)
+{
+    for (const bool tcp : {true, false}) {
+        SCOPED_TRACE(tcp);
+        const Test_Pair pair = tcp ? tcp_pair(8192) : unix_pair();
+        const int handle = pair.second.get();
+        EXPECT_TRUE(socket_has_room(handle));
+        EXPECT_EQ(unsent_bytes(handle), 0);
+        fill(handle);
+        EXPECT_FALSE(socket_has_room(handle));
+        const int unsent = unsent_bytes(handle);
+        EXPECT_GT(unsent, 0);
+        std::vector<char> buffer(64 * 1024);
+        while (!socket_has_room(handle)) {
+            ASSERT_GT(recv(pair.first.get(), buffer.data(), buffer.size(), 0), 0);
+        }
+        EXPECT_LT(unsent_bytes(handle), unsent);
+    }
+}
+
+TEST(Socket_Helpers, a_send_buffer_is_widened_and_never_narrowed)
+{
+    constexpr int SMALL = 8 * 1024;
+    constexpr int WANTED = 64 * 1024;
+    for (const bool tcp : {true, false}) {
+        SCOPED_TRACE(tcp);
+        const Test_Pair pair = tcp ? tcp_pair() : unix_pair();
+        const int handle = pair.second.get();
+        ASSERT_EQ(setsockopt(handle, SOL_SOCKET, SO_SNDBUF, &SMALL, sizeof SMALL), 0);
+        widen_send_buffer(handle, WANTED);
+        const int wide = int_option(handle, SOL_SOCKET, SO_SNDBUF);
+        EXPECT_GE(wide, 2 * WANTED);
+        widen_send_buffer(handle, SMALL);
+        EXPECT_EQ(int_option(handle, SOL_SOCKET, SO_SNDBUF), wide);
+    }
+    widen_send_buffer(-1, WANTED);
+}
+
+TEST(Socket_Helpers, a_socket_that_has_failed_has_room_for_a_send_that_tells_so)
+{
+    Test_Pair pair = unix_pair();
+    fill(pair.second.get());
+    pair.first.close();
+    EXPECT_TRUE(socket_has_room(pair.second.get()));
+    EXPECT_TRUE(socket_has_room(-1));
+    EXPECT_EQ(unsent_bytes(-1), 0);
+}
+
 TEST(Ace_Send, sends_everything_to_a_slow_reader)
 {
     const std::string data = pattern(3 * 1024 * 1024 + 17);

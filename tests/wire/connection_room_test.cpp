@@ -1,4 +1,5 @@
 #include "tests/support/probe_server.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/websocket_client.h"
 #include "tests/wire/host_log.h"
 
@@ -72,6 +73,26 @@ TEST(Connection_Room, a_client_that_does_not_read_its_answers_holds_up_nobody)
     for (int i = 0; i < 20; ++i) {
         ASSERT_TRUE(server.serves_others());
     }
+}
+
+TEST(Connection_Room, a_large_answer_finds_room_in_a_small_socket)
+{
+    // A UNIX-domain socket takes less than this file by itself, as a new connection over a network.
+    Temp_Dir folder;
+    const std::string file = folder.write("file.txt", std::string(200 * 1024, 'f'));
+    const std::string path = folder.path("socket");
+    Probe_Server::Setup setup;
+    setup.options = {"-p", path, "--socket-send-timeout", "60"};
+    Probe_Server server(setup);
+    ASSERT_TRUE(server.host().wait_for_log_count(" is listening.", 2));
+    const auto deaf = Wire_Client::unix_domain(path);
+    ASSERT_NE(nullptr, deaf);
+    ASSERT_TRUE(deaf->send(get_request("/probe/file?" + file)));
+    ASSERT_EQ('H', deaf->read_exactly(1)[0]); // the loop is at it
+    const auto client = server.connect();
+    ASSERT_NE(nullptr, client);
+    EXPECT_EQ(200, client->exchange(get_request("/probe/hello")).status);
+    EXPECT_NE(std::string::npos, deaf->read_exactly(200 * 1024).find("fff"));
 }
 
 TEST(Connection_Room, answers_that_were_held_back_come_whole_and_in_order)
