@@ -9,7 +9,7 @@ from common.checks import Check, mebibytes, number
 from common.process_figures import forget_peak, peak_resident, resident, wait_until
 
 FIN, RSV1 = 0x80, 0x40
-MOST_GROWTH = 8 << 20  # bytes
+MOST_GROWTH = 4 << 20  # bytes
 MOST_TOLD = 5
 PATHS = ("/ws/echo", "/ws/thread", "/chat")
 
@@ -107,7 +107,7 @@ ENDLESS = {"fragments": _endless_fragments, "fragments without content": _fragme
 
 
 def endless(run):
-    size = run.count(100, quick=3) << 20
+    size = run.count(100, quick=6) << 20
     with Target() as host:
         for path in PATHS:
             ws.connect(host, path).close()
