@@ -34,7 +34,7 @@ def _is_served(host):
 
 
 def descriptor_table(run):
-    seconds = run.count(15, quick=2)
+    seconds = run.count(15, quick=1)
     with Target(wrapper=("prlimit", f"--nofile={LIMIT}:{LIMIT}")) as host:
         lines = len(host.log())
         clients = _connect_all(host.address, CLIENTS)

@@ -22,7 +22,8 @@ class Own_Slow_Clients:
         self._mode, self._address, self._path = mode, address, path
         self._period = period
         self._stopping = threading.Event()
-        self._sockets = [self._connect() for _ in range(clients)]
+        self._clients = clients
+        self._sockets = []
         self._thread = threading.Thread(target=self._live)
         self._thread.start()
 
@@ -57,6 +58,8 @@ class Own_Slow_Clients:
         return True
 
     def _live(self):
+        while len(self._sockets) < self._clients and not self._stopping.is_set():
+            self._sockets.append(self._connect())
         with selectors.DefaultSelector() as ends:
             if self._mode != "readers":  # these see the end when they read
                 for connection in self._sockets:

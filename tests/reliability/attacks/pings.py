@@ -13,7 +13,7 @@ from common.process_figures import forget_peak, peak_resident, resident
 MOST_GROWTH = 16 << 20  # bytes
 PAYLOAD = b"p" * 125    # the longest of a ping
 BATCH = 1000            # pings in one write
-STALLED = 1.0           # seconds without progress
+STALLED = 0.5           # seconds without progress
 
 
 def send_without_reading(connection, unit, times):

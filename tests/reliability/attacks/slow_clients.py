@@ -54,27 +54,27 @@ def start_attacker(run, mode, address, path, clients, seconds):
 def attack(run, mode, path, service, seconds, until_cut):
     """Holds slow clients against a host while ordinary ones ask, for `seconds` or until the server
     has cut them. Returns how many were left at the end, and what the ordinary ones got."""
-    clients = run.count(2000, quick=100)
+    clients = run.count(2000, quick=30)
     with Target(service=service) as host:
         before = host.sockets()
-        attacker, tool = start_attacker(run, mode, host.address, path, clients, seconds)
-        try:
-            most = threads = 0
-            begin = time.monotonic()
-            with Ordinary_Clients(host) as ordinary:
+        with Ordinary_Clients(host) as ordinary:
+            attacker, tool = start_attacker(run, mode, host.address, path, clients, seconds)
+            try:
+                most = threads = 0
+                begin = time.monotonic()
                 while time.monotonic() - begin < seconds:
                     held = max(0, host.sockets() - before - OWN)
                     most = max(most, held)
                     threads = max(threads, process_figures.threads(host.pid))
                     if until_cut and most >= clients * 0.9 and held == 0:
                         break
-                    time.sleep(0.1)
+                    time.sleep(0.05)
                 duration = time.monotonic() - begin
                 run.progress(f"{number(most)} slow clients at most ({tool}), {number(held)} after "
                              f"{duration:.0f} s, {threads} threads at most, "
                              f"{mebibytes(process_figures.peak_resident(host.pid))} at most")
-        finally:
-            attacker.stop()
+            finally:
+                attacker.stop()
         left = process_figures.wait_until(lambda: host.sockets() <= before, 10)
         run.expect(left is not None, "sockets are still open 10 s after the attack: "
                    f"{host.sockets()}, {before} before it")
