@@ -48,6 +48,8 @@ public:
         return client;
     }
 
+    std::unique_ptr<Wire_Client> connect() const { return server_.connect(); }
+
     bool serves_others() const
     {
         const auto client = server_.connect();
@@ -138,48 +140,69 @@ TEST(Connection_Room, the_end_of_the_server_does_not_wait_for_such_a_client)
     EXPECT_EQ(0, server.probe().host().stop(SIGTERM));
 }
 
-TEST(Connection_Room, pongs_that_nobody_reads_hold_up_nobody_and_come_later)
-{
-    constexpr int PINGS = 2000; // in one write
-    const std::string payload(125, 'p');
-    std::string pings;
-    for (int i = 0; i < PINGS; ++i) {
-        pings += websocket_frame(WS_PING, payload);
-    }
-    Server server(LONG_SENDS);
-    WebSocket_Client client(server.probe().connect());
-    ASSERT_TRUE(client.open("/ws/echo"));
-    // Until the server takes no more; the rest of the last write is sent at the end.
-    std::string rest;
-    int sent = 0;
-    for (; rest.empty() && sent < 100 * PINGS; sent += PINGS) {
-        size_t done = 0;
-        while (done < pings.size()) {
-            const ssize_t taken = ::send(client.wire().handle(), pings.data() + done,
-                                         pings.size() - done, MSG_DONTWAIT | MSG_NOSIGNAL);
-            if (taken > 0) {
-                done += static_cast<size_t>(taken);
-                continue;
+namespace {
+
+/// Sends pings whose pongs it does not read, until the server takes no more.
+class Deaf_Pinger {
+public:
+    explicit Deaf_Pinger(const Server& server) : client_(server.connect())
+    {
+        EXPECT_TRUE(client_.open("/ws/echo"));
+        const std::string ping = websocket_frame(WS_PING, PAYLOAD);
+        constexpr size_t MOST = 100'000'000;
+        for (bool again = true; again && sent_ < MOST;) {
+            while (send_now(ping) && sent_ < MOST) {
             }
             // The loop has had its turn when it has served another client.
-            ASSERT_TRUE(server.serves_others());
-            if (::send(client.wire().handle(), pings.data() + done, 1,
-                       MSG_DONTWAIT | MSG_NOSIGNAL) == 1) {
-                ++done;
-                continue;
-            }
-            rest = pings.substr(done);
-            break;
+            EXPECT_TRUE(server.serves_others());
+            again = send_now(ping);
         }
+        EXPECT_LT(sent_, MOST) << "all was taken";
     }
-    ASSERT_FALSE(rest.empty()) << "all was taken";
-    ASSERT_TRUE(server.serves_others());
-    // Nothing of it is lost.
-    const size_t whole = static_cast<size_t>(sent) - rest.size() / (pings.size() / PINGS) - 1;
-    for (size_t i = 0; i < whole; ++i) {
-        const WebSocket_Frame pong = client.read();
+
+    /// What the server has begun to take without the last, which may be cut.
+    size_t pings() const { return sent_ / websocket_frame(WS_PING, PAYLOAD).size(); }
+
+    WebSocket_Client& client() { return client_; }
+
+    static inline const std::string PAYLOAD = std::string(125, 'p');
+
+private:
+    bool send_now(const std::string& ping)
+    {
+        const size_t done = sent_ % ping.size();
+        const ssize_t taken = ::send(client_.wire().handle(), ping.data() + done,
+                                     ping.size() - done, MSG_DONTWAIT | MSG_NOSIGNAL);
+        sent_ += taken > 0 ? static_cast<size_t>(taken) : 0U;
+        return taken > 0;
+    }
+
+    WebSocket_Client client_;
+    size_t sent_ = 0;
+};
+
+} // namespace
+
+TEST(Connection_Room, pongs_that_nobody_reads_hold_up_nobody_and_come_later)
+{
+    Server server(LONG_SENDS);
+    Deaf_Pinger pinger(server);
+    EXPECT_TRUE(server.serves_others());
+    for (size_t i = 0; i < pinger.pings(); ++i) {
+        const WebSocket_Frame pong = pinger.client().read();
         ASSERT_TRUE(pong.complete) << i;
         ASSERT_EQ(WS_PONG, pong.opcode) << i;
-        ASSERT_EQ(payload, pong.payload) << i;
+        ASSERT_EQ(Deaf_Pinger::PAYLOAD, pong.payload) << i;
     }
+}
+
+TEST(Connection_Room, a_websocket_client_that_reads_nothing_gets_no_ping_and_its_time_runs_out)
+{
+    Server server(
+        {"--socket-send-timeout", "60", "-i", "60", "--ping-interval", "2", "--ping-timeout", "1"});
+    Deaf_Pinger pinger(server);
+    const std::string peer = peer_text(pinger.client().wire());
+    EXPECT_TRUE(server.probe().host().wait_for_log("WebSocket ping " + peer + " timeout."));
+    EXPECT_EQ(0U, server.probe().host().count_log("WebSocket ping " + peer + "."));
+    EXPECT_TRUE(server.serves_others());
 }
