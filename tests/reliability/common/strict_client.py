@@ -52,6 +52,10 @@ class Byte_Source:
             data = self.connection.recv(self._piece)
         except socket.timeout as error:
             raise Wrong("neither an answer nor an end for %d s" % LIMIT) from error
+        except (ssl.SSLEOFError, ssl.SSLZeroReturnError):
+            data = b""
+        except ssl.SSLError as error:
+            raise Wrong("no TLS: %s" % error) from error
         except OSError:
             data = b""
         if not data:
@@ -112,14 +116,15 @@ class Strict_Client(Byte_Source):
         """Sends a request, or several at once, when all earlier ones are answered."""
         if self._bytes:
             raise Wrong("bytes behind the answer: %r" % bytes(self._bytes[:60]))
+        if self.ends:
+            self.taken = 0
+            raise Wrong("a byte behind the last answer: %r" % bytes(self.take(1)))  # or Ended
         self.send(request)
 
     def answer(self):
         """(status, body) of the next answer. Raises Ended or Wrong."""
         self.body = bytearray()
         self.taken = 0
-        if self.ends:
-            raise Ended(False)
         status, fields = self._head()
         if status != 204 and status != 304:
             self._body(fields)
@@ -130,7 +135,12 @@ class Strict_Client(Byte_Source):
         return self.answer()
 
     def _head(self):
-        line = self.line()
+        try:
+            line = self.line()
+        except Ended:
+            if not b"HTTP/1.1 ".startswith(self._bytes[:9]):
+                raise Wrong("no status line: %r" % bytes(self._bytes[:60])) from None
+            raise
         match = _STATUS_LINE.match(line)
         if not match:
             raise Wrong("no status line: %r" % line[:60])
