@@ -53,6 +53,9 @@ private:
 
 int run()
 {
+    // First: the service configurator would make one of its own.
+    constexpr bool OWNED = true;
+    ACE_Reactor::instance(new ACE_Reactor(new Epoll_Reactor, OWNED), OWNED);
     constexpr bool NO_STATIC_SERVICES = true;
     constexpr bool NO_DEFAULT_FILE = true;
     constexpr bool KEEP_LOG_LEVEL = true;
@@ -60,8 +63,6 @@ int run()
                                  NO_DEFAULT_FILE, KEEP_LOG_LEVEL) == -1) {
         return 1;
     }
-    constexpr bool OWNED = true;
-    ACE_Reactor::instance(new ACE_Reactor(new Epoll_Reactor, OWNED), OWNED);
     ACE_Reactor* const reactor = ACE_Reactor::instance();
     Directive_Reader reader;
     if (reactor->register_handler(&reader, ACE_Event_Handler::READ_MASK) == -1) {

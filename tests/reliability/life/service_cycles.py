@@ -154,7 +154,9 @@ def service_cycles(run):
         compare(run, host, history)
         left = shared_memory.mapped_by(host.process.pid)
         run.expect(not left, f"still mapped: {', '.join(left)}")
-        run.expect(host.end() == 0, "exit status of the process")
+        status = host.end()
+        said = [line for line in host.log() if "ERROR" in line or "Sanitizer" in line]
+        run.expect(status == 0, f"exit status {status}: " + "; ".join(said[:3]))
     finally:
         if crowd is not None:
             crowd.leave()
