@@ -30,6 +30,14 @@ struct Reactor_Record {
     std::atomic<int> timeouts{0};
     std::vector<ACE_HANDLE> handles; ///< the handles of the upcalls
     std::vector<Close> closes;
+
+    /// Waits for upcalls in another thread. They may not have returned yet.
+    void wait_for_inputs(int count) const
+    {
+        for (int seen = inputs; seen < count; seen = inputs) {
+            inputs.wait(seen);
+        }
+    }
 };
 
 /**
@@ -68,6 +76,7 @@ public:
     int handle_input(ACE_HANDLE handle) override
     {
         ++record_.inputs;
+        record_.inputs.notify_all();
         return this->upcall(on_input, handle);
     }
     int handle_output(ACE_HANDLE handle) override

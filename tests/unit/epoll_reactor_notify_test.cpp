@@ -322,9 +322,7 @@ TEST(Epoll_Reactor_Notify, a_loop_that_waits_is_woken_and_a_burst_wakes_it_once)
         go_on = true;
         changed.notify_all();
     }
-    while (a.record.inputs < 1000) {
-        std::this_thread::yield();
-    }
+    a.record.wait_for_inputs(1000);
     loop.stop();
 }
 
@@ -334,9 +332,7 @@ TEST(Epoll_Reactor_Notify, no_wake_up_is_lost)
     Held_Probe a(ACE_INVALID_HANDLE);
     for (int i = 1; i <= 2000; ++i) {
         ASSERT_EQ(loop.reactor.notify(a.probe, READ), 0);
-        while (a.record.inputs < i) {
-            std::this_thread::yield();
-        }
+        a.record.wait_for_inputs(i);
     }
     loop.stop();
 }
@@ -351,12 +347,11 @@ TEST(Epoll_Reactor_Notify, close_leaves_no_reference_behind_while_another_thread
         std::thread notifier([&] {
             while (loop.reactor.notify(a.probe, READ) == 0) {
                 ++accepted;
+                accepted.notify_one();
             }
             refusal = errno;
         });
-        while (accepted == 0) {
-            std::this_thread::yield();
-        }
+        accepted.wait(0);
         loop.stop();
         loop.implementation.close();
         notifier.join();
@@ -416,9 +411,7 @@ TEST(Epoll_Reactor_Notify, a_wait_survives_a_signal_unless_told_otherwise)
             seen += rounds != before ? 1 : 0;
         }
         a.pair.send();
-        while (a.record.inputs == 0) {
-            std::this_thread::yield();
-        }
+        a.record.wait_for_inputs(1);
         done = true;
         loop.reactor.notify();
         thread.join();
@@ -501,9 +494,7 @@ TEST(Epoll_Reactor_Notify, a_descriptor_registered_by_another_thread_is_served_b
         if (i % 2 != 0) {
             a.pair.send();
         }
-        while (a.record.inputs == 0) {
-            std::this_thread::yield();
-        }
+        a.record.wait_for_inputs(1);
         ASSERT_EQ(loop.reactor.remove_handler(a.probe, ALL | DONT_CALL), 0);
         while (a.probe->references() != 1) {
             std::this_thread::yield();
@@ -519,9 +510,7 @@ TEST(Epoll_Reactor_Notify, a_handler_suspended_by_its_loop_is_resumed_by_another
     ASSERT_EQ(loop.reactor.register_handler(a.probe, READ), 0);
     a.pair.send();
     for (int i = 1; i <= 200; ++i) {
-        while (a.record.inputs < i) {
-            std::this_thread::yield();
-        }
+        a.record.wait_for_inputs(i);
         loop.run([] {}); // the upcall has returned
         EXPECT_EQ(a.record.inputs, i);
         ASSERT_EQ(loop.reactor.resume_handler(a.probe), 0);

@@ -184,9 +184,7 @@ TEST(Event_Loop_Manager, serves_handlers_that_other_threads_register)
         probe->pair.send();
     }
     for (const auto& probe : probes) {
-        while (probe->record.inputs == 0) {
-            std::this_thread::yield();
-        }
+        probe->record.wait_for_inputs(1);
     }
     manager.close();
     for (const auto& probe : probes) {
