@@ -92,7 +92,7 @@ def last_life(run, host, pools):
 
 
 def restarts(run):
-    rounds = run.count(100, quick=4)
+    rounds = run.count(100, quick=2)
     objects = shared_memory.posix_objects()
     total, longest, pools = Tally(), 0, []
     host = Killed_Host()

@@ -67,7 +67,7 @@ def write(run, host, count):
 
 
 def rotation(run):
-    count = run.count(160_000, quick=8_000)
+    count = run.count(160_000, quick=4_000)
     host = Host_Program(http=HTTP[:1], log_level="info", service=[
         "-t", str(WRITERS // 2), "-l", "{folder}/logs/access.log", "-m", str(KIBIBYTES),
         "-N", "1000000", "-z"])

@@ -125,7 +125,7 @@ def compare(run, host, history):
 
 
 def service_cycles(run):
-    rounds = run.count(200, quick=10)
+    rounds = run.count(200, quick=5)
     objects = shared_memory.posix_objects()
     port = shared_memory.free_local_port()
     host = Directive_Host(port)

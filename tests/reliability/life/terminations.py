@@ -34,7 +34,7 @@ def stop_under_load(run, host, kinds, pause):
 
 
 def terminations(run):
-    rounds = run.count(200, quick=3)
+    rounds = run.count(200, quick=2)
     chance = random.Random(run.seed)
     total = Tally()
     longest = 0

@@ -225,7 +225,7 @@ def check_log(run, soak):
 def soak(run):
     """The check."""
     minutes = run.arguments.minutes
-    seconds = run.count(180, quick=5) if minutes is None else 60 * minutes
+    seconds = run.count(180, quick=4) if minutes is None else 60 * minutes
     objects = shared_memory.posix_objects()
     settle = SECOND_MINUTE if seconds >= 1.5 * SECOND_MINUTE else seconds / 3
     it = Soak(run, seconds, run.arguments.rate, run.count(500, quick=60))
