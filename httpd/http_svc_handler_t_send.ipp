@@ -105,7 +105,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::headers_failed() const
 template <typename Stream, typename Sync>
 [[gnu::always_inline]] inline int
 HTTP_Svc_Handler_T<Stream, Sync>::headers_content_sent(size_t payload, bool piece, bool head,
-                                                           bool keep, bool last)
+                                                       bool keep, bool last)
 {
     content_sent_ += payload;
     this->count_output(payload + FRAMING_BYTES);
@@ -140,8 +140,7 @@ int HTTP_Svc_Handler_T<Stream, Sync>::headers_chunked_sent(size_t payload, bool 
 
 template <typename Stream, typename Sync>
 [[gnu::always_inline]] inline int
-HTTP_Svc_Handler_T<Stream, Sync>::send_headers_content(const void* data, size_t length,
-                                                           bool last)
+HTTP_Svc_Handler_T<Stream, Sync>::send_headers_content(const void* data, size_t length, bool last)
 {
     const bool head = request_.method() == HTTP_METHOD_HEAD;
     const bool keep = this->begin_headers(request_.keep_alive() &&

@@ -18,8 +18,8 @@ public:
 
     static void close()
     {
+        Owner::close(); // whose destructors may still ask for the object
         known_ = nullptr;
-        Owner::close();
     }
 
 private:
