@@ -1,5 +1,5 @@
-// An address in an input may hold the name of a host or of a service. They are not looked up: a test
-// asks no name server, and what one answers would not be the same tomorrow, nor elsewhere.
+// An address in an input may hold the name of a host or of a service. They are not looked up: a
+// test asks no name server, and what one answers would not be the same tomorrow, nor elsewhere.
 
 #include <dlfcn.h>
 #include <netdb.h>
