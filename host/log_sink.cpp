@@ -107,6 +107,9 @@ ssize_t Log_Sink::log(ACE_Log_Record& record)
                       static_cast<long>(stamp.usec() / 1000), zone, priority_text(record.type()));
 
     const char* text = record.msg_data();
+    if (text == nullptr) { // there was no memory for it
+        text = "A line of the log is lost, errno=12, Cannot allocate memory";
+    }
     size_t length = std::strlen(text);
     while (length > 0 && text[length - 1] == '\n') {
         --length;
