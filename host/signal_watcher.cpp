@@ -40,8 +40,10 @@ int prepare_signals()
         ::sigaction(SIGTERM, &action, nullptr) == -1) {
         return -1;
     }
+    // A file that may not grow any more, as a log, is a failed write and not the end.
     action.sa_handler = SIG_IGN;
-    return ::sigaction(SIGPIPE, &action, nullptr);
+    return ::sigaction(SIGXFSZ, &action, nullptr) == -1 ? -1
+                                                        : ::sigaction(SIGPIPE, &action, nullptr);
 }
 
 Signal_Watcher::~Signal_Watcher()

@@ -4,7 +4,8 @@
 
 /**
  * Blocks the signals that Signal_Watcher reads, for this thread and all that it will make, and
- * ignores SIGPIPE. To be called before any other thread exists. @return 0, or -1 with errno.
+ * ignores SIGPIPE and SIGXFSZ. To be called before any other thread exists. @return 0, or -1 with
+ * errno.
  */
 int prepare_signals();
 
