@@ -6,7 +6,6 @@
 #include "support/log.h"
 #include "support/log_rotation.h"
 
-#include <ace/ACE.h>
 #include <ace/FILE_Addr.h>
 #include <ace/FILE_Connector.h>
 #include <ace/INET_Addr.h>
@@ -28,6 +27,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 
 namespace {
 
@@ -50,20 +50,47 @@ iovec piece(const char* text, size_t length)
     return {const_cast<char*>(text), length};
 }
 
+/// Writes everything, also where the system takes it in parts or is interrupted. Changes the
+/// entries. @return whether all was written; `written` receives how much was.
+bool write_all(ACE_HANDLE handle, iovec* entries, int count, size_t& written)
+{
+    while (count > 0) {
+        const ssize_t taken = ::writev(handle, entries, count);
+        if (taken == -1 && errno == EINTR) {
+            continue;
+        }
+        if (taken == -1) {
+            return false;
+        }
+        written += static_cast<size_t>(taken);
+        size_t rest = static_cast<size_t>(taken);
+        while (count > 0 && rest >= entries->iov_len) {
+            rest -= entries->iov_len;
+            ++entries;
+            --count;
+        }
+        if (count > 0) {
+            *entries = piece(static_cast<char*>(entries->iov_base) + rest, entries->iov_len - rest);
+        }
+    }
+    return true;
+}
+
 /// All pieces, one behind the other, or as they are where they are too long for that.
 /// @return whether all was written; `written` receives how much was.
-bool write_pieces(ACE_HANDLE handle, const iovec* pieces, int count, size_t& written)
+bool write_pieces(ACE_HANDLE handle, iovec* pieces, int count, size_t& written)
 {
     char line[SHORT_LINE];
     size_t length = 0;
     for (const iovec* it = pieces; it != pieces + count; ++it) {
         if (it->iov_len > sizeof line - length) {
-            return ACE::writev_n(handle, pieces, count, &written) != -1;
+            return write_all(handle, pieces, count, written);
         }
         std::memcpy(line + length, it->iov_base, it->iov_len);
         length += it->iov_len;
     }
-    return ACE::write_n(handle, line, length, &written) != -1;
+    iovec whole = piece(line, length);
+    return write_all(handle, &whole, 1, written);
 }
 
 /// Writes the last `width` digits of `value`. @return behind them.
@@ -284,7 +311,7 @@ int HTTP_Access_Logger_Impl::log(const ACE_Time_Value& start, const ACE_Time_Val
     const char* const uri = request.uri(true);
     static constexpr char BLANK[] = " ";
     static constexpr char VERSION[] = " HTTP/1.";
-    const iovec pieces[] = {
+    iovec pieces[] = {
         piece(time, put_time(time, end)),
         piece(host, put_host(host, peer)),
         piece(duration, put_duration(duration, end - start)),
@@ -301,7 +328,7 @@ int HTTP_Access_Logger_Impl::log(const ACE_Time_Value& start, const ACE_Time_Val
     return this->rotate();
 }
 
-int HTTP_Access_Logger_Impl::write_line(const iovec* pieces, int count)
+int HTTP_Access_Logger_Impl::write_line(iovec* pieces, int count)
 {
     const std::unique_lock<std::mutex> guard = this->take_lock();
     if (!guard) {
@@ -312,7 +339,9 @@ int HTTP_Access_Logger_Impl::write_line(const iovec* pieces, int count)
     }
     size_t written = 0;
     if (!write_pieces(file_.get_handle(), pieces, count, written)) {
-        HTTPD_ERROR("Failed to write http access log, errno=%d, %m", errno);
+        if (failures_.may_log()) {
+            HTTPD_ERROR("Failed to write http access log, errno=%d, %m", errno);
+        }
         this->take_back(written);
         return -1;
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "httpd/export.h"
+#include "support/log_limit.h"
 
 #include <ace/FILE_IO.h>
 
@@ -62,7 +63,8 @@ public:
      * @param peer             printed numerically, without port
      * @param received, sent   bytes of body
      * @return 0; -1 silently when no log is open, with an error line when writing or reopening
-     *         failed; a line that could not be written whole leaves nothing behind.
+     *         failed, but for writing with ten lines a second at most: a full disk concerns every
+     *         request. A line that could not be written whole leaves nothing behind.
      */
     int log(const ACE_Time_Value& start, const ACE_Time_Value& end, const ACE_INET_Addr& peer,
             const HTTP_Request& request, const HTTP_Response& response, unsigned long received,
@@ -73,7 +75,7 @@ private:
     int open_i(const char* path, unsigned int max_file_number, long max_size, bool compression);
     int open_file(int flags);
     void close_file();
-    int write_line(const iovec* pieces, int count);
+    int write_line(iovec* pieces, int count);
     void take_back(size_t written);
     int rotate();
     int rotate_i();
@@ -86,6 +88,7 @@ private:
     std::uint32_t count_ = 0; ///< number of the newest rotated copy
     ACE_FILE_IO file_;
     std::mutex lock_; ///< guards everything; the atomics are also read without it
+    Log_Limit failures_;
 
     /// Where the last write ended, counted so that the file is not asked after each line.
     std::atomic<std::int64_t> position_{0};
