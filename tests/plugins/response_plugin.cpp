@@ -20,6 +20,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace {
 
@@ -85,6 +86,31 @@ int send_fields_in_order(HTTP_IO& io)
     headers.put("X-Alpha", "2");
     io.response().content_type("text/html");
     return counted(io, HELLO);
+}
+
+/// A vector of as many entries as the query says, some of them empty. In one write with the header,
+/// or behind it; counted or chunked.
+int send_entries(HTTP_IO& io, bool behind, bool chunked)
+{
+    const size_t count =
+        io.request().query() != nullptr ? std::strtoul(io.request().query(), nullptr, 10) : 0;
+    std::vector<std::string> texts(count);
+    std::vector<iovec> entries(count);
+    size_t total = 0;
+    for (size_t i = 0; i < count; ++i) {
+        texts[i] = i % 7 == 3 ? "" : std::to_string(i) + ",";
+        entries[i] = entry(texts[i]);
+        total += texts[i].size();
+    }
+    if (chunked) {
+        io.response().chunked_transfer_encoding(true);
+    } else {
+        io.response().content_length(total);
+    }
+    if (behind && io.send(nullptr, 0, MORE) == -1) {
+        return -1;
+    }
+    return io.sendv_n(entries.data(), static_cast<int>(count), LAST);
 }
 
 /// Pieces with empty ones between them.
@@ -226,6 +252,9 @@ const std::map<std::string_view, Mode>& modes()
              io.response().status(200, "Fine\r\nX-Evil: yes");
              return counted(io, HELLO);
          }},
+        {"entries", [](HTTP_IO& io) { return send_entries(io, false, false); }},
+        {"entries-behind", [](HTTP_IO& io) { return send_entries(io, true, false); }},
+        {"chunked-entries", [](HTTP_IO& io) { return send_entries(io, true, true); }},
         {"throw", [](HTTP_IO&) -> int { throw std::bad_alloc(); }},
         {"throw-late",
          [](HTTP_IO& io) -> int {

@@ -342,8 +342,7 @@ int epoll_ctl(int epoll, int operation, int handle, epoll_event* event) noexcept
 {
     FAULT_NEXT(epoll_ctl);
     // What is taken away needs no memory, and so never fails for lack of it.
-    const bool fails =
-        operation != EPOLL_CTL_DEL && fault_fails(Fault_Call::EPOLL_CONTROL, handle);
+    const bool fails = operation != EPOLL_CTL_DEL && fault_fails(Fault_Call::EPOLL_CONTROL, handle);
     return fails ? -1 : next(epoll, operation, handle, event);
 }
 

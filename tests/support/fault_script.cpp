@@ -59,8 +59,8 @@ std::string wrong(const char* step, const Wire_Response& response)
 Fault_Server::Fault_Server(Listener_Kind kind, const std::vector<std::string>& options)
     : file_(numbered(FILE_SIZE)), large_(LARGE_SIZE, 'x')
 {
-    folder_.write("root/small.txt", "small file");
-    folder_.write("root/file.txt", file_);
+    folder_.write("served/small.txt", "small file");
+    folder_.write("served/file.txt", file_);
     folder_.write("log/empty", "");
     const std::string files = "--root " + this->root();
     const std::string users = folder_.write("users", OPEN_SESAME);

@@ -23,7 +23,7 @@ public:
     Listener_Server& listener() { return *server_; }
 
     /// The folder that is served as "/files".
-    std::string root() const { return folder_.path() + "/root"; }
+    std::string root() const { return folder_.path() + "/served"; }
     std::string access_log() const { return folder_.path() + "/log/access.log"; }
     std::string large_text() const { return large_; }
     std::string file_text() const { return file_; }
