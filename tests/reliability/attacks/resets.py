@@ -18,7 +18,7 @@ def _reset_one(host, numbers, tls):
     connection = raw.connect_tls(host, TLS_PORT) if tls else raw.connect(host)
     try:
         path = numbers.choice(PATHS)
-        head = f"Host: x\r\nConnection: keep-alive\r\n"
+        head = "Host: x\r\nConnection: keep-alive\r\n"
         if path == "/echo":
             count = numbers.randrange(1, 200000)
             connection.sendall(f"POST {path} HTTP/1.1\r\n{head}Content-Length: {count}\r\n\r\n"

@@ -41,7 +41,8 @@ def thread_names(pid):
     names = []
     for number in os.listdir(f"/proc/{pid}/task"):
         try:
-            with open(f"/proc/{pid}/task/{number}/comm", encoding="ascii", errors="replace") as file:
+            path = f"/proc/{pid}/task/{number}/comm"
+            with open(path, encoding="ascii", errors="replace") as file:
                 names.append(file.read().strip())
         except OSError:
             pass  # ended meanwhile
