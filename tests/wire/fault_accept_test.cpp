@@ -38,6 +38,17 @@ void expect_service_soon(Fault_Server& server)
     EXPECT_EQ("Hello, World!", client->read_response(HEAD_ONLY, SOON).body);
 }
 
+/// Connections end on their own time: waits until no more descriptors are open than before.
+void expect_descriptors(Fault_Server& server, size_t before)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (process_descriptors(server.host().pid()).count > before &&
+           std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_LE(process_descriptors(server.host().pid()).count, before);
+}
+
 } // namespace
 
 TEST_P(Fault_Accept, that_fails_for_a_while_is_told_ten_times_a_second_at_most)
@@ -102,12 +113,7 @@ TEST_P(Fault_Accept, of_what_no_loop_can_watch_closes_it)
         EXPECT_LE(server.host().count_log(" ERROR "), lines + 10);
     }
     EXPECT_EQ("", server.run_script());
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (process_descriptors(server.host().pid()).count > before &&
-           std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_LE(process_descriptors(server.host().pid()).count, before);
+    expect_descriptors(server, before);
     EXPECT_EQ(0, server.host().stop(SIGTERM));
 }
 
@@ -152,7 +158,7 @@ TEST(Fault_Thread, that_cannot_be_started_costs_its_connection_and_one_line)
         EXPECT_EQ("", server.run_script());
         EXPECT_EQ(lines + CLIENTS, server.host().count_log(" ERROR "));
     }
-    EXPECT_EQ(before, process_descriptors(server.host().pid()).count);
+    expect_descriptors(server, before);
     EXPECT_EQ(0, server.host().stop(SIGTERM));
 }
 
