@@ -6,6 +6,8 @@
 #include <ace/SSL/SSL_SOCK_Acceptor.h>
 #include <ace/SSL/SSL_SOCK_Stream.h>
 
+#include <unistd.h>
+
 #include <cerrno>
 
 using Handshake = ACE_Accept_Handshake<ACE_SSL_SOCK_Stream>;
@@ -23,6 +25,11 @@ int Handshake::take(ACE_SSL_SOCK_Acceptor& acceptor, ACE_SSL_SOCK_Stream& stream
         set_inet_addr(static_cast<ACE_INET_Addr&>(*remote), peer);
     }
     stream.set_handle(handle);
+    if (stream.get_handle() == ACE_INVALID_HANDLE) { // it takes none where it has no SSL object
+        close(handle);
+        errno = ENOMEM;
+        return -1;
+    }
     return 0;
 }
 
