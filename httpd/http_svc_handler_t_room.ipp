@@ -1,5 +1,5 @@
-// A client that sends and does not read: its loop waits for room in the socket before it takes more.
-// Included by http_svc_handler_t.cpp alone.
+// A client that sends and does not read: its loop waits for room in the socket before it takes
+// more. Included by http_svc_handler_t.cpp alone.
 
 /// Streams whose descriptor tells by itself when it has room.
 template <typename Stream>

@@ -29,8 +29,10 @@
  * reactor.
  *
  * waiting(): how many connections wait to be accepted, 1 where that cannot be told; also 1 where an
- * accept may take long and is not done in steps (ACE_Accept_Handshake). ACCEPTS_READY: accepted descriptors are blocking and close-on-exec, and
- * `remote` is what getpeername says.
+ * accept may take long and is not done in steps (ACE_Accept_Handshake).
+ *
+ * ACCEPTS_READY: accepted descriptors are blocking and close-on-exec, and `remote` is what
+ * getpeername says.
  *
  * remember() and forget() bracket the time that the listener is open.
  */

@@ -2,6 +2,8 @@
 
 #include <signal.h>
 
+#include <initializer_list>
+
 /**
  * Blocks the signals in this thread while it lives: a thread that is started meanwhile keeps them
  * blocked, so that they go to the host's own threads. Faults of the thread's own instructions stay

@@ -11,6 +11,7 @@ WORK = os.path.join(ROOT, "build", "fuzz-work")
 # Bytes of the longest input. Short ones run often, and hardly any rule needs a long one.
 LONGEST = {
     "chunk": 160,
+    "engine": 1024,
     "headers": 512,
     "plugin_conf": 512,
     "request": 320,
