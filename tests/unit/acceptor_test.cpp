@@ -211,6 +211,18 @@ std::unique_ptr<ACE_Service_Object> open_listener(Event_Loop_Manager& loops, con
         open_http_acceptor<Handler>(loops, protocol, address, timeout, BACKLOG, 0));
 }
 
+/// What the host may have its reactor made of.
+struct Reactor_Kind {
+    const char* name;
+    ACE_Reactor_Impl* (*make)();
+};
+
+constexpr Reactor_Kind REACTOR_KINDS[] = {
+    {"select", []() -> ACE_Reactor_Impl* { return new ACE_Select_Reactor; }},
+    {"thread pool", []() -> ACE_Reactor_Impl* { return new ACE_TP_Reactor; }},
+    {"epoll", []() -> ACE_Reactor_Impl* { return new Epoll_Reactor; }},
+};
+
 /// Connects in a thread of its own, since the handshake's other side runs in the caller's.
 class Tls_Connecting {
 public:
@@ -408,15 +420,7 @@ TEST_F(ACE_Acceptor_Ex_Test, without_a_timeout_a_slow_handshake_is_awaited)
 TEST_F(ACE_Acceptor_Ex_Test, silent_tls_clients_hold_no_other_up)
 {
     ASSERT_TRUE(configure_tls());
-    const struct {
-        const char* name;
-        ACE_Reactor_Impl* (*make)();
-    } kinds[] = {
-        {"select", []() -> ACE_Reactor_Impl* { return new ACE_Select_Reactor; }},
-        {"thread pool", []() -> ACE_Reactor_Impl* { return new ACE_TP_Reactor; }},
-        {"epoll", []() -> ACE_Reactor_Impl* { return new Epoll_Reactor; }},
-    };
-    for (const auto& kind : kinds) {
+    for (const Reactor_Kind& kind : REACTOR_KINDS) {
         SCOPED_TRACE(kind.name);
         record = Record();
         log.clear();
@@ -498,15 +502,7 @@ TEST_F(ACE_Acceptor_Ex_Test, an_accept_without_a_connection_is_logged_with_an_em
 
 TEST_F(ACE_Acceptor_Ex_Test, a_lack_of_descriptors_pauses_the_listener_instead_of_spinning)
 {
-    const struct {
-        const char* name;
-        ACE_Reactor_Impl* (*make)();
-    } kinds[] = {
-        {"select", []() -> ACE_Reactor_Impl* { return new ACE_Select_Reactor; }},
-        {"thread pool", []() -> ACE_Reactor_Impl* { return new ACE_TP_Reactor; }},
-        {"epoll", []() -> ACE_Reactor_Impl* { return new Epoll_Reactor; }},
-    };
-    for (const auto& kind : kinds) {
+    for (const Reactor_Kind& kind : REACTOR_KINDS) {
         SCOPED_TRACE(kind.name);
         record = Record();
         ACE_Reactor reactor(kind.make(), true);
