@@ -188,7 +188,9 @@ std::string Fault_Server::run_websocket(const std::string& target, Mode mode)
     WebSocket_Client client(std::move(wire));
     if (!client.open(target)) {
         // A plug-in that does not want the connection, whyever, is refused with 404 or 400.
-        const bool ended = client.wire().at_end() || client.response().status >= 400;
+        // One that was closed before the request could be sent has not been read from yet.
+        const bool ended = client.response().status >= 400 || client.wire().at_end() ||
+                           client.wire().is_closed_by_peer();
         return mode == UNDER_FAULT && ended ? "" : wrong(target.c_str(), client.response());
     }
     for (const std::string& text : {std::string("short"), numbered(20'000)}) {
