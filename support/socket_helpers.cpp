@@ -282,8 +282,14 @@ void widen_send_buffer(int handle, int bytes)
 {
     // The system counts its own overhead in, and doubles for that what it is asked for.
     int size = 0;
+    int locks = 0;
     socklen_t length = sizeof size;
-    if (getsockopt(handle, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 && size / 2 < bytes) {
-        setsockopt(handle, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+    if (getsockopt(handle, SOL_SOCKET, SO_SNDBUF, &size, &length) != 0 || size / 2 >= bytes) {
+        return;
+    }
+    const bool known = getsockopt(handle, SOL_SOCKET, SO_BUF_LOCK, &locks, &length) == 0;
+    if (setsockopt(handle, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes) == 0 && known) {
+        // The call above has also fixed the size: a long answer over a long way needs more.
+        setsockopt(handle, SOL_SOCKET, SO_BUF_LOCK, &locks, sizeof locks);
     }
 }

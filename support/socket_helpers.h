@@ -67,7 +67,8 @@ HTTPD_SUPPORT_EXPORT bool socket_has_room(int handle);
 HTTPD_SUPPORT_EXPORT int unsent_bytes(int handle);
 
 /**
- * Sees to it that the socket takes `bytes` at once while its peer reads nothing. A buffer that has
- * to be made larger no longer grows by itself; the system's limit (net.core.wmem_max) holds.
+ * Sees to it that the socket takes `bytes` at once while its peer reads nothing, within the
+ * system's limit (net.core.wmem_max). A buffer that grew by itself still does (before Linux 5.14 it
+ * does not).
  */
 HTTPD_SUPPORT_EXPORT void widen_send_buffer(int handle, int bytes);

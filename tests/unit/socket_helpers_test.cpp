@@ -235,6 +235,20 @@ TEST(Socket_Helpers, a_send_buffer_is_widened_and_never_narrowed)
     widen_send_buffer(-1, WANTED);
 }
 
+TEST(Socket_Helpers, a_widened_send_buffer_still_grows_by_itself)
+{
+    constexpr int WANTED = 256 * 1024;
+    const Test_Pair pair = tcp_pair();
+    const int handle = pair.second.get();
+    widen_send_buffer(handle, WANTED);
+    EXPECT_EQ(int_option(handle, SOL_SOCKET, SO_BUF_LOCK), 0);
+    const Test_Pair fixed = tcp_pair(WANTED / 8); // by setting it
+    const int locks = int_option(fixed.second.get(), SOL_SOCKET, SO_BUF_LOCK);
+    EXPECT_NE(locks, 0);
+    widen_send_buffer(fixed.second.get(), WANTED);
+    EXPECT_EQ(int_option(fixed.second.get(), SOL_SOCKET, SO_BUF_LOCK), locks);
+}
+
 TEST(Socket_Helpers, a_socket_that_has_failed_has_room_for_a_send_that_tells_so)
 {
     Test_Pair pair = unix_pair();
