@@ -116,13 +116,19 @@ TEST_F(Fault_Access_Log, that_cannot_be_written_is_told_ten_times_a_second_at_mo
 TEST_F(Fault_Access_Log, line_that_fits_in_part_leaves_nothing_behind)
 {
     this->start();
+    Fault none = this->fault(Fault_Call::WRITE, 0); // strikes without harm: a line is written after
+    none.longest = 1000;                            // its answer
+    this->faults().arm(none);
     this->serve(2);
+    ASSERT_TRUE(this->faults().wait_until_struck(2));
+    this->faults().disarm();
     Fault part = this->fault(Fault_Call::WRITE, 0);
     part.longest = 20;
     part.times = 1;
     this->faults().arm(part);
-    this->faults().arm(this->fault(Fault_Call::WRITE, ENOSPC));
+    const size_t full_disk = this->faults().arm(this->fault(Fault_Call::WRITE, ENOSPC));
     this->serve(2);
+    ASSERT_TRUE(this->faults().wait_until_struck(2, full_disk));
     this->faults().disarm();
     this->serve(2);
     client_.reset();
