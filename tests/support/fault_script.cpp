@@ -2,6 +2,8 @@
 
 #include "tests/support/websocket_client.h"
 
+#include <gtest/gtest.h>
+
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -91,6 +93,17 @@ std::unique_ptr<Wire_Client> Fault_Server::connect() const
         ::setsockopt(client->handle(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     }
     return client;
+}
+
+size_t Fault_Server::errors_logged()
+{
+    const std::string target = "/probe/" + std::to_string(++marks_) + "/hello";
+    const std::unique_ptr<Wire_Client> client = this->connect();
+    if (client != nullptr) {
+        client->exchange(get_request(target));
+    }
+    EXPECT_TRUE(this->host().wait_for_log("handle_request GET " + target));
+    return this->host().count_log(" ERROR ");
 }
 
 void Fault_Server::write_steps()

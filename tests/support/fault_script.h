@@ -31,6 +31,10 @@ public:
     /// Null when there is no connection.
     std::unique_ptr<Wire_Client> connect() const;
 
+    /// Error lines of the host up to now, when no fault is armed: one request makes sure that the
+    /// log has been read so far.
+    size_t errors_logged();
+
     /**
      * Runs the whole script. Every answer must be right.
      * @return "", or what was wrong first
@@ -70,4 +74,5 @@ private:
     std::string large_;
     std::vector<Step> steps_;
     std::unique_ptr<Listener_Server> server_;
+    unsigned marks_ = 0; ///< requests of errors_logged()
 };

@@ -57,7 +57,7 @@ TEST_P(Fault_Accept, that_fails_for_a_while_is_told_ten_times_a_second_at_most)
     Fault_Server server(this->GetParam());
     for (const int error : {EMFILE, ENFILE, ENOBUFS, ENOMEM}) {
         SCOPED_TRACE(error);
-        const size_t lines = server.host().count_log(" ERROR ");
+        const size_t lines = server.errors_logged();
         server.faults().arm({Fault_Call::ACCEPT, error});
         // A TLS client waits for the server's part of the handshake, so only in the background.
         std::string answer;
@@ -102,7 +102,7 @@ TEST_P(Fault_Accept, of_what_no_loop_can_watch_closes_it)
     const size_t before = process_descriptors(server.host().pid()).count;
     for (const int error : {ENOMEM, ENOSPC}) {
         SCOPED_TRACE(error);
-        const size_t lines = server.host().count_log(" ERROR ");
+        const size_t lines = server.errors_logged();
         Fault fault = {Fault_Call::EPOLL_CONTROL, error};
         fault.times = 5;
         server.faults().arm(fault);
@@ -110,7 +110,7 @@ TEST_P(Fault_Accept, of_what_no_loop_can_watch_closes_it)
         EXPECT_GT(server.faults().struck(), 0U);
         server.faults().disarm();
         expect_service_soon(server);
-        EXPECT_LE(server.host().count_log(" ERROR "), lines + 10);
+        EXPECT_LE(server.errors_logged(), lines + 10);
     }
     EXPECT_EQ("", server.run_script());
     expect_descriptors(server, before);
@@ -145,7 +145,7 @@ TEST(Fault_Thread, that_cannot_be_started_costs_its_connection_and_one_line)
     ASSERT_EQ("", server.run_script());
     const size_t before = process_descriptors(server.host().pid()).count;
     for (const int error : {EAGAIN, ENOMEM, EPERM}) {
-        const size_t lines = server.host().count_log(" ERROR ");
+        const size_t lines = server.errors_logged();
         server.faults().arm({Fault_Call::THREAD, error});
         for (size_t i = 0; i < CLIENTS; ++i) {
             const auto client = server.connect();
@@ -156,7 +156,7 @@ TEST(Fault_Thread, that_cannot_be_started_costs_its_connection_and_one_line)
         EXPECT_EQ(CLIENTS, server.faults().struck());
         server.faults().disarm();
         EXPECT_EQ("", server.run_script());
-        EXPECT_EQ(lines + CLIENTS, server.host().count_log(" ERROR "));
+        EXPECT_EQ(lines + CLIENTS, server.errors_logged());
     }
     expect_descriptors(server, before);
     EXPECT_EQ(0, server.host().stop(SIGTERM));

@@ -46,8 +46,7 @@ protected:
     /// An error has cost at most one line for each request, and its end brings the file back.
     void expect_service(size_t lines_before, const std::string& target, const std::string& text)
     {
-        EXPECT_LE(server_.host().count_log(" ERROR "), lines_before + REQUESTS)
-            << server_.host().log_text();
+        EXPECT_LE(server_.errors_logged(), lines_before + REQUESTS) << server_.host().log_text();
         const Wire_Response response = this->get(target);
         EXPECT_TRUE(response.complete);
         EXPECT_EQ(200, response.status);
@@ -67,7 +66,7 @@ TEST_F(Fault_Files, file_that_cannot_be_opened_or_looked_at_is_no_answer_of_200)
             for (const std::string& target : this->targets(server_.file_text())) {
                 SCOPED_TRACE(target + " " + std::to_string(static_cast<int>(call)) + " " +
                              std::to_string(error));
-                const size_t lines = server_.host().count_log(" ERROR ");
+                const size_t lines = server_.errors_logged();
                 server_.faults().arm(this->fault(call, error));
                 for (int i = 0; i < REQUESTS; ++i) {
                     const Wire_Response response = this->get(target);
@@ -85,7 +84,7 @@ TEST_F(Fault_Files, small_file_that_cannot_be_read_is_no_answer_of_200)
 {
     for (const std::string& target : this->targets("small file")) {
         SCOPED_TRACE(target);
-        const size_t lines = server_.host().count_log(" ERROR ");
+        const size_t lines = server_.errors_logged();
         server_.faults().arm(this->fault(Fault_Call::READ, EIO));
         for (int i = 0; i < REQUESTS; ++i) {
             const Wire_Response response = this->get(target);
@@ -104,7 +103,7 @@ TEST_F(Fault_Files, file_that_breaks_off_ends_its_connection)
     for (const std::uint64_t skip : {0U, 1U}) { // at its beginning, and in the middle
         for (const std::string& target : this->targets(server_.file_text())) {
             SCOPED_TRACE(target + " after " + std::to_string(skip));
-            const size_t lines = server_.host().count_log(" ERROR ");
+            const size_t lines = server_.errors_logged();
             for (const Fault_Call call : {Fault_Call::SENDFILE, Fault_Call::READ}) {
                 Fault broken = this->fault(call, EIO);
                 broken.skip = call == Fault_Call::SENDFILE ? skip : 0;
